@@ -1,0 +1,37 @@
+#!/bin/bash
+# Installs the Debian packages that the build, the tests and (with --bench)
+# the benchmarks need, when any is missing. Needs root or sudo for apt-get.
+set -euo pipefail
+
+packages=(
+    build-essential g++ cmake make pkg-config
+    libtrio-dev
+    libgtest-dev libgmock-dev
+)
+bench_packages=(
+    libbenchmark-dev
+)
+if [[ "${1:-}" == "--bench" ]]; then
+    packages+=("${bench_packages[@]}")
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+    status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
+    if [[ "$status" != "install ok installed" ]]; then
+        missing+=("$package")
+    fi
+done
+
+if [[ ${#missing[@]} -eq 0 ]]; then
+    exit 0
+fi
+
+echo "installing: ${missing[*]}"
+sudo=()
+if [[ $(id -u) -ne 0 ]]; then
+    sudo=(sudo)
+fi
+export DEBIAN_FRONTEND=noninteractive
+"${sudo[@]}" apt-get update -qq
+"${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
