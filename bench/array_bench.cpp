@@ -8,8 +8,7 @@ namespace {
 
 constexpr UInt kAppends = 1000000;
 
-void QKAppend(benchmark::State &state)
-{
+void QKAppend(benchmark::State &state) {
     for (auto _ : state) {
         UIntArray a = {};
         for (UInt i = 0; i < kAppends; i++) ArrayAdd(a, i);
@@ -19,8 +18,7 @@ void QKAppend(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * kAppends);
 }
 
-void VectorAppend(benchmark::State &state)
-{
+void VectorAppend(benchmark::State &state) {
     for (auto _ : state) {
         std::vector<UInt> v;
         for (UInt i = 0; i < kAppends; i++) v.push_back(i);
@@ -32,8 +30,7 @@ void VectorAppend(benchmark::State &state)
 int registered = [] {
     benchmark::RegisterBenchmark(qkbench::Name("array/append", "qk").c_str(), QKAppend)
         ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark(qkbench::Name("array/append", "std::vector").c_str(),
-                                 VectorAppend)
+    benchmark::RegisterBenchmark(qkbench::Name("array/append", "std::vector").c_str(), VectorAppend)
         ->Unit(benchmark::kMicrosecond);
     return 0;
 }();

@@ -11,8 +11,7 @@
 
 namespace qkbench {
 
-inline std::string Name(const std::string &group, const std::string &implementation)
-{
+inline std::string Name(const std::string &group, const std::string &implementation) {
     return group + "|" + implementation;
 }
 

@@ -17,9 +17,8 @@ struct Entry {
 };
 
 class CompareReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
+  public:
+    void ReportRuns(const std::vector<Run> &runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run &run : runs) {
             if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
@@ -27,18 +26,16 @@ public:
             size_t bar = name.find('|');
             if (bar == std::string::npos) continue;
             size_t end = name.find('/', bar);
-            std::string implementation = name.substr(bar + 1, end == std::string::npos
-                                                                  ? std::string::npos
-                                                                  : end - bar - 1);
-            std::string group = name.substr(0, bar) +
-                                (end == std::string::npos ? "" : name.substr(end));
+            std::string implementation =
+                name.substr(bar + 1, end == std::string::npos ? std::string::npos : end - bar - 1);
+            std::string group =
+                name.substr(0, bar) + (end == std::string::npos ? "" : name.substr(end));
             if (groups_.find(group) == groups_.end()) order_.push_back(group);
             groups_[group].push_back({implementation, run.GetAdjustedRealTime()});
         }
     }
 
-    void PrintComparison() const
-    {
+    void PrintComparison() const {
         printf("\n%-48s %-22s %12s %12s %8s\n", "comparison", "peer", "qk", "peer", "peer/qk");
         for (const std::string &group : order_) {
             const std::vector<Entry> &entries = groups_.at(group);
@@ -55,15 +52,14 @@ public:
         }
     }
 
-private:
+  private:
     std::map<std::string, std::vector<Entry>> groups_;
     std::vector<std::string> order_;
 };
 
 }  // namespace
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     QKLibInit("qkbench");
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

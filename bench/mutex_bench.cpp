@@ -10,8 +10,7 @@ Mutex qkMutex = MUTEX_INITIALIZER;
 std::recursive_mutex stdMutex;
 volatile ULong counter = 0;
 
-void QKLockUnlock(benchmark::State &state)
-{
+void QKLockUnlock(benchmark::State &state) {
     for (auto _ : state) {
         MutexLock(&qkMutex);
         counter = counter + 1;
@@ -19,8 +18,7 @@ void QKLockUnlock(benchmark::State &state)
     }
 }
 
-void StdLockUnlock(benchmark::State &state)
-{
+void StdLockUnlock(benchmark::State &state) {
     for (auto _ : state) {
         stdMutex.lock();
         counter = counter + 1;

@@ -21,8 +21,7 @@ struct Wide {
 static_assert(sizeof(Wide) == 24);
 
 template <typename T>
-ULong KeyOf(const T &v)
-{
+ULong KeyOf(const T &v) {
     if constexpr (sizeof(T) == 24) {
         return v.key;
     } else {
@@ -31,8 +30,7 @@ ULong KeyOf(const T &v)
 }
 
 template <typename T>
-T Make(ULong key)
-{
+T Make(ULong key) {
     if constexpr (sizeof(T) == 24) {
         return Wide{key, {key, ~key}};
     } else {
@@ -41,15 +39,13 @@ T Make(ULong key)
 }
 
 template <typename T>
-int CompareQK(const void *a, const void *b, void *)
-{
+int CompareQK(const void *a, const void *b, void *) {
     ULong x = KeyOf(*(const T *)a), y = KeyOf(*(const T *)b);
     return x < y ? -1 : x > y;
 }
 
 template <typename T>
-int CompareC(const void *a, const void *b)
-{
+int CompareC(const void *a, const void *b) {
     ULong x = KeyOf(*(const T *)a), y = KeyOf(*(const T *)b);
     return x < y ? -1 : x > y;
 }
@@ -57,12 +53,11 @@ int CompareC(const void *a, const void *b)
 enum class Shape { Random, Sorted, Equal };
 
 template <typename T>
-std::vector<T> Input(Shape shape)
-{
+std::vector<T> Input(Shape shape) {
     std::vector<T> v(kCount);
     std::mt19937_64 random(42);
     for (size_t i = 0; i < kCount; i++) {
-        ULong key = shape == Shape::Random ? random() % (kCount * 4)
+        ULong key = shape == Shape::Random   ? random() % (kCount * 4)
                     : shape == Shape::Sorted ? i
                                              : 7;
         v[i] = Make<T>(key);
@@ -71,8 +66,7 @@ std::vector<T> Input(Shape shape)
 }
 
 template <typename T, int Implementation>
-void Sort(benchmark::State &state, Shape shape)
-{
+void Sort(benchmark::State &state, Shape shape) {
     const std::vector<T> input = Input<T>(shape);
     std::vector<T> work(kCount);
     for (auto _ : state) {
@@ -91,8 +85,7 @@ void Sort(benchmark::State &state, Shape shape)
 }
 
 template <typename T>
-void RegisterSize(const char *size)
-{
+void RegisterSize(const char *size) {
     const struct {
         const char *name;
         Shape shape;
@@ -100,9 +93,10 @@ void RegisterSize(const char *size)
     for (const auto &s : shapes) {
         std::string group = std::string("sort/") + s.name + "/elt" + size;
         Shape shape = s.shape;
-        benchmark::RegisterBenchmark(qkbench::Name(group, "qk").c_str(),
-                                     [shape](benchmark::State &st) { Sort<T, 0>(st, shape); })
-            ->Unit(benchmark::kMicrosecond);
+        benchmark::RegisterBenchmark(qkbench::Name(group, "qk").c_str(), [shape](
+                                                                             benchmark::State &st) {
+            Sort<T, 0>(st, shape);
+        })->Unit(benchmark::kMicrosecond);
         benchmark::RegisterBenchmark(qkbench::Name(group, "qsort").c_str(),
                                      [shape](benchmark::State &st) { Sort<T, 1>(st, shape); })
             ->Unit(benchmark::kMicrosecond);

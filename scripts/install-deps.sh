@@ -5,11 +5,12 @@ set -euo pipefail
 
 packages=(
     build-essential g++ cmake make pkg-config
-    libtrio-dev
+    libtrio-dev libssl-dev zlib1g-dev
     libgtest-dev libgmock-dev
+    unicode-data
 )
 bench_packages=(
-    libbenchmark-dev
+    libbenchmark-dev libxxhash-dev libicu-dev
 )
 if [[ "${1:-}" == "--bench" ]]; then
     packages+=("${bench_packages[@]}")

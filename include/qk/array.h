@@ -69,16 +69,16 @@ QK_API void ArrayCopy_(void *target, size_t targetEltSize, const void *source, s
 #define ArrayClear(a) ((a).length = 0)
 
 /* Makes room for n elements in all, doubling as often as needed. */
-#define ArrayEnsure(a, n)                               \
-    do {                                                \
-        while ((a).capacity < (UInt)(n)) ArrayGrow(a);  \
+#define ArrayEnsure(a, n)                              \
+    do {                                               \
+        while ((a).capacity < (UInt)(n)) ArrayGrow(a); \
     } while (0)
 
 /* Appends one element. */
-#define ArrayAdd(a, value)                                  \
-    do {                                                    \
-        if ((a).length == (a).capacity) ArrayGrow(a);       \
-        (a).data[(a).length++] = (value);                   \
+#define ArrayAdd(a, value)                            \
+    do {                                              \
+        if ((a).length == (a).capacity) ArrayGrow(a); \
+        (a).data[(a).length++] = (value);             \
     } while (0)
 
 /* Appends one uninitialised element and yields a pointer to it. */
@@ -86,26 +86,28 @@ QK_API void ArrayCopy_(void *target, size_t targetEltSize, const void *source, s
     (((a).length == (a).capacity ? ArrayGrow(a) : (void)0), &(a).data[(a).length++])
 
 /* Appends n elements copied from p. */
-#define ArrayAppend(a, p, n)                                                  \
-    do {                                                                      \
-        UInt qk_n_ = (UInt)(n);                                               \
-        ArrayEnsure(a, (a).length + qk_n_);                                   \
+#define ArrayAppend(a, p, n)                                                    \
+    do {                                                                        \
+        UInt qk_n_ = (UInt)(n);                                                 \
+        ArrayEnsure(a, (a).length + qk_n_);                                     \
         if (qk_n_) memcpy((a).data + (a).length, (p), qk_n_ * ArrayEltSize(a)); \
-        (a).length += qk_n_;                                                  \
+        (a).length += qk_n_;                                                    \
     } while (0)
 
 /* Sets the length, growing as needed; new elements are not initialised. */
-#define ArraySetLength(a, n)     \
-    do {                         \
-        ArrayEnsure(a, (n));     \
-        (a).length = (UInt)(n);  \
+#define ArraySetLength(a, n)    \
+    do {                        \
+        ArrayEnsure(a, (n));    \
+        (a).length = (UInt)(n); \
     } while (0)
 
 /* Empties a working array, freeing it when it has grown past the keep limit. */
-#define ArrayReset(a)                                                  \
-    do {                                                               \
-        if ((a).capacity > QK_ARRAY_KEEP_LIMIT) ArrayFree(a);          \
-        else (a).length = 0;                                           \
+#define ArrayReset(a)                           \
+    do {                                        \
+        if ((a).capacity > QK_ARRAY_KEEP_LIMIT) \
+            ArrayFree(a);                       \
+        else                                    \
+            (a).length = 0;                     \
     } while (0)
 
 /* VMArray: the same header, its memory in anonymous mappings. */
@@ -120,19 +122,19 @@ QK_API void VMArrayCopy_(void *target, size_t targetEltSize, const void *source,
 #define VMArrayInit(a) VMArrayInit_(&(a))
 #define VMArrayFree(a) VMArrayFree_(&(a), ArrayEltSize(a), __FILE__, __LINE__)
 #define VMArrayGrow(a) VMArrayGrow_(&(a), ArrayEltSize(a), __FILE__, __LINE__)
-#define VMArrayCopy(target, source)                                                   \
+#define VMArrayCopy(target, source)                                                          \
     VMArrayCopy_(&(target), ArrayEltSize(target), &(source), ArrayEltSize(source), __FILE__, \
                  __LINE__)
 #define VMArrayLength(a) ArrayLength(a)
 #define VMArrayNth(a, i) ArrayNth(a, i)
-#define VMArrayEnsure(a, n)                               \
-    do {                                                  \
-        while ((a).capacity < (UInt)(n)) VMArrayGrow(a);  \
+#define VMArrayEnsure(a, n)                              \
+    do {                                                 \
+        while ((a).capacity < (UInt)(n)) VMArrayGrow(a); \
     } while (0)
-#define VMArrayAdd(a, value)                                \
-    do {                                                    \
-        if ((a).length == (a).capacity) VMArrayGrow(a);     \
-        (a).data[(a).length++] = (value);                   \
+#define VMArrayAdd(a, value)                            \
+    do {                                                \
+        if ((a).length == (a).capacity) VMArrayGrow(a); \
+        (a).data[(a).length++] = (value);               \
     } while (0)
 
 /*
@@ -174,15 +176,13 @@ QK_API Long FArrayAdd_(FArray *array, const void *element, int *ok, size_t eltSi
 QK_API void *FArrayRange_(const FArray *array, UInt index, UInt *end, size_t eltSize);
 QK_API int FArrayAppendFromPtr_(FArray *array, const void *source, UInt count, size_t eltSize,
                                 size_t eltSize0, const char *file, int line);
-QK_API void FArrayAppendToPtr_(const FArray *array, void *target, size_t eltSize,
-                               size_t eltSize0);
+QK_API void FArrayAppendToPtr_(const FArray *array, void *target, size_t eltSize, size_t eltSize0);
 QK_API int FArrayCompact_(FArray *array, size_t eltSize, const char *file, int line);
 QK_API int FArrayExec_(FArray *array, FArrayExecFn function, void *userData, size_t eltSize);
 
 /* Element access without bounds checks: the fragment that holds element
  * `index` must exist. */
-static inline void *FArrayNth_(const FArray *a, UInt index, size_t eltSize)
-{
+static inline void *FArrayNth_(const FArray *a, UInt index, size_t eltSize) {
     if (index < a->length0) return (char *)a->data0 + (size_t)index * eltSize;
     UInt r = index - a->length0;
     if (r < a->blockSize) return (char *)a->data[0] + (size_t)r * eltSize;
@@ -215,7 +215,7 @@ QK_API void FArrayHeapFree(void *pointer, UInt offset, size_t size, int *ok, voi
     FArrayAdd_(&(a), (elementPtr), (okPtr), sizeof(*(elementPtr)), __FILE__, __LINE__)
 #define FArrayRange(a, T, index, endPtr) ((T *)FArrayRange_(&(a), (index), (endPtr), sizeof(T)))
 #define FArrayNth(a, T, index) (*(T *)FArrayNth_(&(a), (index), sizeof(T)))
-#define FArrayAppendFromPtr(a, sourcePtr, count)                                         \
+#define FArrayAppendFromPtr(a, sourcePtr, count)                                                 \
     FArrayAppendFromPtr_(&(a), (sourcePtr), (count), sizeof(*(sourcePtr)), sizeof(*(sourcePtr)), \
                          __FILE__, __LINE__)
 #define FArrayAppendToPtr(a, targetPtr) \
@@ -232,8 +232,7 @@ typedef void (*RArrayElementFn)(void *element, UInt index, void *context);
 
 /* Takes the next element into use and returns it. */
 static inline void *RArrayAdd_(void *array, void *context, RArrayElementFn init,
-                               RArrayElementFn reInit, RArrayElementFn useInit, size_t eltSize)
-{
+                               RArrayElementFn reInit, RArrayElementFn useInit, size_t eltSize) {
     Array *a = (Array *)array;
     UInt index = a->length;
     void *element;
@@ -255,8 +254,7 @@ static inline void *RArrayAdd_(void *array, void *context, RArrayElementFn init,
  * element that is not in use gives none. `use` calls UseInit on the result. */
 static inline void *RArrayNth_(void *array, UInt index, int create, void *context,
                                RArrayElementFn init, RArrayElementFn reInit,
-                               RArrayElementFn useInit, size_t eltSize, int use)
-{
+                               RArrayElementFn useInit, size_t eltSize, int use) {
     Array *a = (Array *)array;
     if (index >= a->capacity) {
         if (!create) return NULL;
@@ -277,11 +275,11 @@ static inline void *RArrayNth_(void *array, UInt index, int create, void *contex
 }
 
 /* Frees every initialised element, then the array. */
-static inline void RArrayFree_(void *array, void *context, RArrayElementFn freeFn, size_t eltSize)
-{
+static inline void RArrayFree_(void *array, void *context, RArrayElementFn freeFn, size_t eltSize) {
     Array *a = (Array *)array;
     if (freeFn) {
-        for (UInt i = 0; i < a->capacity; i++) freeFn((char *)a->data + (size_t)i * eltSize, i, context);
+        for (UInt i = 0; i < a->capacity; i++)
+            freeFn((char *)a->data + (size_t)i * eltSize, i, context);
     }
     ArrayFree_(a);
 }
@@ -290,16 +288,15 @@ static inline void RArrayFree_(void *array, void *context, RArrayElementFn freeF
     ((__typeof__((a).data))RArrayAdd_(&(a), (context), (RArrayElementFn)(Init),              \
                                       (RArrayElementFn)(ReInit), (RArrayElementFn)(UseInit), \
                                       ArrayEltSize(a)))
-#define RArrayNth(a, index, create, context, Init, ReInit, UseInit, use)                   \
-    ((__typeof__((a).data))RArrayNth_(&(a), (index), (create), (context),                  \
-                                      (RArrayElementFn)(Init), (RArrayElementFn)(ReInit),  \
-                                      (RArrayElementFn)(UseInit), ArrayEltSize(a), (use)))
+#define RArrayNth(a, index, create, context, Init, ReInit, UseInit, use)                           \
+    ((__typeof__((a).data))RArrayNth_(&(a), (index), (create), (context), (RArrayElementFn)(Init), \
+                                      (RArrayElementFn)(ReInit), (RArrayElementFn)(UseInit),       \
+                                      ArrayEltSize(a), (use)))
 #define RArrayFree(a, context, Free) \
     RArrayFree_(&(a), (context), (RArrayElementFn)(Free), ArrayEltSize(a))
 
 /* ReInit of a byte array: empties it, freeing it past the keep limit. */
-static inline void ByteArrayReInit(ByteArray *a)
-{
+static inline void ByteArrayReInit(ByteArray *a) {
     if (a->length > QK_ARRAY_KEEP_LIMIT) ArrayFree_(a);
     a->length = 0;
 }

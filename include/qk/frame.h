@@ -145,8 +145,7 @@ QK_API const MessageState *QKGetState(void);
 #define QKError(...) QKMessage(3, __VA_ARGS__)
 #define QKFatal(...) QKMessage(4, __VA_ARGS__)
 /* A fatal message for the system call that just failed: its text follows. */
-#define QKFatalSys(...) \
-    (QKSetLastErrorFromErrno(), QKMessageSys(4, __VA_ARGS__))
+#define QKFatalSys(...) (QKSetLastErrorFromErrno(), QKMessageSys(4, __VA_ARGS__))
 #define QKState(...) (QKSetMessageState_(__FILE__, __LINE__), QKState_(__VA_ARGS__))
 #define QKStateClear() QKState_(NULL)
 
@@ -160,8 +159,7 @@ QK_API void QKSetAbort(QKAbortHook hook);
 QK_API void QKSetExit(QKExitHook hook);
 QK_API void QKExit(int status);
 
-#define qkassert(expression) \
-    ((expression) ? (void)0 : qkassert_(#expression, __FILE__, __LINE__))
+#define qkassert(expression) ((expression) ? (void)0 : qkassert_(#expression, __FILE__, __LINE__))
 
 /* ---- Thread context ---- */
 
@@ -175,11 +173,11 @@ QK_API void MessageContextDeleteCurrent(void);
 /* ---- Crash capture ---- */
 
 /* Flags returned by an exception handler. */
-#define QK_EXCEPTION_REPORT 0x100u     /* write the crash report */
+#define QK_EXCEPTION_REPORT 0x100u      /* write the crash report */
 #define QK_EXCEPTION_REPORT_FILE 0x300u /* also write it to ERRORLOG.TXT */
-#define QK_EXCEPTION_HANDLED 1u        /* run the code behind the protected call */
-#define QK_EXCEPTION_HANDLED_AGAIN 2u  /* the same; exactly 2 calls the handler again */
-#define QK_EXCEPTION_CONTINUE 4u       /* continue at the fault */
+#define QK_EXCEPTION_HANDLED 1u         /* run the code behind the protected call */
+#define QK_EXCEPTION_HANDLED_AGAIN 2u   /* the same; exactly 2 calls the handler again */
+#define QK_EXCEPTION_CONTINUE 4u        /* continue at the fault */
 #define QK_EXCEPTION_DEFAULT 0x301u
 
 /* Exception codes, as reported. */

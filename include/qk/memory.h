@@ -99,8 +99,12 @@ typedef struct Pool {
     } t;
 } Pool;
 
-#define POOL_INITIALIZER(callback) \
-    {{NULL, 0, 0}, (callback), {MUTEX_INITIALIZER, CONDITION_INITIALIZER, 0}}
+#define POOL_INITIALIZER(callback)                      \
+    {                                                   \
+        {NULL, 0, 0}, (callback), {                     \
+            MUTEX_INITIALIZER, CONDITION_INITIALIZER, 0 \
+        }                                               \
+    }
 
 /* limit -1: no limit on the items out. */
 QK_API void *PoolAcquire_(Pool *pool, void *argument, size_t itemSize, const char *file, int line,

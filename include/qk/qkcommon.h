@@ -2,10 +2,10 @@
 #ifndef QK_QKCOMMON_H
 #define QK_QKCOMMON_H
 
-#include "qk/types.h"
 #include "qk/array.h"
-#include "qk/thread.h"
-#include "qk/memory.h"
 #include "qk/frame.h"
+#include "qk/memory.h"
+#include "qk/thread.h"
+#include "qk/types.h"
 
 #endif /* QK_QKCOMMON_H */

@@ -24,10 +24,10 @@ typedef UInt (*ThreadFunction)(void *argument);
  * ThreadDetach; or from ThreadGetCurrent, valid in the calling thread. */
 typedef struct QKThread *ThreadHandle;
 
-typedef ThreadHandle (*ThreadCreateHook)(ThreadFunction function, void *argument,
-                                         UInt stackSize, const char *file, int line);
-typedef void (*ThreadCreateDetachedHook)(ThreadFunction function, void *argument,
-                                         UInt stackSize, const char *file, int line);
+typedef ThreadHandle (*ThreadCreateHook)(ThreadFunction function, void *argument, UInt stackSize,
+                                         const char *file, int line);
+typedef void (*ThreadCreateDetachedHook)(ThreadFunction function, void *argument, UInt stackSize,
+                                         const char *file, int line);
 
 QK_API ThreadHandle ThreadCreate_(ThreadFunction function, void *argument, UInt stackSize,
                                   const char *file, int line);
@@ -74,16 +74,20 @@ QK_API void MutexInit_(Mutex *mutex);
 /* Reports a failed lock operation; fatal. */
 QK_API QK_NORETURN void MutexFailed_(int error, const char *operation);
 
-static inline void MutexLock(Mutex *mutex)
-{
-    if (__atomic_load_n(mutex, __ATOMIC_ACQUIRE) == MUTEX_INVALID) MutexInit_(mutex);
-    int error = pthread_mutex_lock((pthread_mutex_t *)*mutex);
+/* The word is read atomically: threads racing on first use may still be
+ * installing it by compare-and-swap. */
+static inline void MutexLock(Mutex *mutex) {
+    uintptr_t word = __atomic_load_n(mutex, __ATOMIC_ACQUIRE);
+    if (word == MUTEX_INVALID) {
+        MutexInit_(mutex);
+        word = __atomic_load_n(mutex, __ATOMIC_ACQUIRE);
+    }
+    int error = pthread_mutex_lock((pthread_mutex_t *)word);
     if (error) MutexFailed_(error, "lock");
 }
 
-static inline void MutexUnlock(Mutex *mutex)
-{
-    int error = pthread_mutex_unlock((pthread_mutex_t *)*mutex);
+static inline void MutexUnlock(Mutex *mutex) {
+    int error = pthread_mutex_unlock((pthread_mutex_t *)__atomic_load_n(mutex, __ATOMIC_RELAXED));
     if (error) MutexFailed_(error, "unlock");
 }
 
@@ -107,7 +111,8 @@ typedef struct Condition {
     void *done;      /* the last waiter of a broadcast wakes the broadcaster */
 } Condition;
 
-#define CONDITION_INITIALIZER {0, 0, MUTEX_INITIALIZER, NULL, NULL}
+#define CONDITION_INITIALIZER \
+    { 0, 0, MUTEX_INITIALIZER, NULL, NULL }
 
 QK_API void ConditionInit(Condition *condition);
 QK_API void ConditionDestroy(Condition *condition);
@@ -127,7 +132,8 @@ typedef struct RWLock {
     Condition writers;
 } RWLock;
 
-#define RWLOCK_INITIALIZER {MUTEX_INITIALIZER, 0, 0, CONDITION_INITIALIZER, CONDITION_INITIALIZER}
+#define RWLOCK_INITIALIZER \
+    { MUTEX_INITIALIZER, 0, 0, CONDITION_INITIALIZER, CONDITION_INITIALIZER }
 
 QK_API void RWLockInit(RWLock *lock);
 QK_API void RWLockDestroy(RWLock *lock);
@@ -151,9 +157,11 @@ typedef struct RWULock {
     Condition upgrader;
 } RWULock;
 
-#define RWULOCK_INITIALIZER                                                            \
-    {MUTEX_INITIALIZER, 0, 0, 0, ~(ULong)0, CONDITION_INITIALIZER, CONDITION_INITIALIZER, \
-     CONDITION_INITIALIZER, CONDITION_INITIALIZER}
+#define RWULOCK_INITIALIZER                                                                  \
+    {                                                                                        \
+        MUTEX_INITIALIZER, 0, 0, 0, ~(ULong)0, CONDITION_INITIALIZER, CONDITION_INITIALIZER, \
+            CONDITION_INITIALIZER, CONDITION_INITIALIZER                                     \
+    }
 
 QK_API void RWULockInit(RWULock *lock);
 QK_API void RWULockDestroy(RWULock *lock);

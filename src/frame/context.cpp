@@ -16,8 +16,7 @@ thread_local MessageContext *currentContext = nullptr;
 // A thread that the library did not start and that never calls
 // ThreadCleanup still gets its context freed when it ends.
 struct ContextReaper {
-    ~ContextReaper()
-    {
+    ~ContextReaper() {
         if (currentContext) {
             MessageContextDelete(currentContext);
             currentContext = nullptr;
@@ -28,8 +27,7 @@ thread_local ContextReaper reaper;
 
 const char emptyString[] = "";
 
-MessageContext *MessageContextNew()
-{
+MessageContext *MessageContextNew() {
     auto *context = static_cast<MessageContext *>(calloc(1, sizeof(MessageContext)));
     if (context == nullptr) {
         perror("MessageContextNew: out of memory");
@@ -42,8 +40,7 @@ MessageContext *MessageContextNew()
     return context;
 }
 
-void FreeRecordList(ErrorContext *record)
-{
+void FreeRecordList(ErrorContext *record) {
     while (record) {
         ErrorContext *next = record->next;
         free(record);
@@ -55,8 +52,7 @@ void FreeRecordList(ErrorContext *record)
 
 namespace qk {
 
-MessageContext *GetContext(bool create)
-{
+MessageContext *GetContext(bool create) {
     MessageContext *context = currentContext;
     if (context == nullptr && create) {
         int savedErrno = errno;
@@ -74,8 +70,7 @@ MessageContext *GetContext(bool create)
 
 extern "C" {
 
-QK_API void MessageContextDelete(MessageContext *context)
-{
+QK_API void MessageContextDelete(MessageContext *context) {
     if (context == nullptr) return;
     if (context->error) qkassert(context->error->next == NULL);
     free(context->error);
@@ -86,10 +81,11 @@ QK_API void MessageContextDelete(MessageContext *context)
     free(context);
 }
 
-QK_API void MessageContextDeleteCurrent(void) { MessageContextDelete(currentContext); }
+QK_API void MessageContextDeleteCurrent(void) {
+    MessageContextDelete(currentContext);
+}
 
-QK_API void ThreadSetName(const char *name)
-{
+QK_API void ThreadSetName(const char *name) {
     MessageContext *context = qk::GetContext(true);
     if (name == nullptr) name = "";
     size_t length = strnlen(name, QK_THREAD_NAME_SIZE - 1);
@@ -103,22 +99,26 @@ QK_API void ThreadSetName(const char *name)
     pthread_setname_np(pthread_self(), shortName);
 }
 
-QK_API const char *ThreadGetName(void) { return qk::GetContext(true)->name; }
+QK_API const char *ThreadGetName(void) {
+    return qk::GetContext(true)->name;
+}
 
-QK_API void ThreadSetRefTime(ULong milliseconds) { qk::GetContext(true)->refTime = milliseconds; }
+QK_API void ThreadSetRefTime(ULong milliseconds) {
+    qk::GetContext(true)->refTime = milliseconds;
+}
 
-QK_API ULong ThreadGetRefTime(void) { return qk::GetContext(true)->refTime; }
+QK_API ULong ThreadGetRefTime(void) {
+    return qk::GetContext(true)->refTime;
+}
 
-QK_API void QKSetMessageState_(const char *file, int line)
-{
+QK_API void QKSetMessageState_(const char *file, int line) {
     MessageContext *context = qk::GetContext(true);
     context->state.stateFile = file ? file : emptyString;
     context->state.stateLine = line;
     context->state.stateTime = qk::NowMicros1601();
 }
 
-QK_API void QKState_(const char *format, ...)
-{
+QK_API void QKState_(const char *format, ...) {
     MessageContext *context = qk::GetContext(true);
     ByteArray &text = context->state.text;
     if (format == nullptr) {
@@ -138,8 +138,7 @@ QK_API void QKState_(const char *format, ...)
     text.length = (UInt)length;
 }
 
-QK_API const MessageState *QKGetState(void)
-{
+QK_API const MessageState *QKGetState(void) {
     MessageContext *context = qk::GetContext(false);
     if (context == nullptr || context->state.stateTime == 0) return nullptr;
     return &context->state;

@@ -13,8 +13,7 @@ namespace {
 // The marker in front of a source path inside the library's tree.
 const char kSourceMarker[] = "/qk/src/";
 
-void ClearRecord(ErrorContext *record)
-{
+void ClearRecord(ErrorContext *record) {
     record->file = nullptr;
     record->line = 0;
     record->code = 0;
@@ -23,8 +22,7 @@ void ClearRecord(ErrorContext *record)
     record->next = nullptr;
 }
 
-ErrorContext *ErrorContextNew()
-{
+ErrorContext *ErrorContextNew() {
     auto *record = static_cast<ErrorContext *>(calloc(1, sizeof(ErrorContext)));
     if (record == nullptr) {
         perror("ErrorContextNew: out of memory");
@@ -38,10 +36,12 @@ ErrorContext *ErrorContextNew()
 
 namespace qk {
 
-ErrorContext *GetErrorRecord(MessageContext *context, bool create)
-{
+ErrorContext *GetErrorRecord(MessageContext *context, bool create) {
     if (context == nullptr) {
+        // The assertion's text is "! create"; keep the space.
+        // clang-format off
         qkassert(! create);
+        // clang-format on
         return nullptr;
     }
     if (context->error == nullptr && create) {
@@ -63,8 +63,7 @@ ErrorContext *GetErrorRecord(MessageContext *context, bool create)
 
 extern "C" {
 
-QK_API void QKErrorVThrow_(Int code, Int domain, const char *format, va_list args)
-{
+QK_API void QKErrorVThrow_(Int code, Int domain, const char *format, va_list args) {
     MessageContext *context = qk::GetContext(false);
     ErrorContext *record = qk::GetErrorRecord(context, true);
     record->file = context->file;
@@ -76,16 +75,14 @@ QK_API void QKErrorVThrow_(Int code, Int domain, const char *format, va_list arg
     errno = -2;
 }
 
-QK_API void QKErrorThrow_(Int code, Int domain, const char *format, ...)
-{
+QK_API void QKErrorThrow_(Int code, Int domain, const char *format, ...) {
     va_list args;
     va_start(args, format);
     QKErrorVThrow_(code, domain, format, args);
     va_end(args);
 }
 
-QK_API void QKErrorRethrow_(const char *format, ...)
-{
+QK_API void QKErrorRethrow_(const char *format, ...) {
     MessageContext *context = qk::GetContext(true);
     ErrorContext *record = qk::GetErrorRecord(context, true);
     QKErrorMessage();  // a pending errno or OS error becomes the record
@@ -102,8 +99,7 @@ QK_API void QKErrorRethrow_(const char *format, ...)
     errno = -2;
 }
 
-QK_API const char *QKErrorMessage(void)
-{
+QK_API const char *QKErrorMessage(void) {
     MessageContext *context = qk::GetContext(true);
     ErrorContext *record = qk::GetErrorRecord(context, true);
     if (errno == -2) return record->message;
@@ -141,8 +137,7 @@ QK_API const char *QKErrorMessage(void)
     return record->message;
 }
 
-QK_API ULong QKErrorCode(void)
-{
+QK_API ULong QKErrorCode(void) {
     int current = errno;
     if (current == -2 || current == -3) {
         MessageContext *context = qk::GetContext(false);
@@ -153,8 +148,7 @@ QK_API ULong QKErrorCode(void)
     return QK_ERROR_CODE(current, QK_DOMAIN_RUNTIME);
 }
 
-QK_API const char *QKErrorLocation(int *line)
-{
+QK_API const char *QKErrorLocation(int *line) {
     MessageContext *context = qk::GetContext(false);
     ErrorContext *record = context ? context->error : nullptr;
     if (record && record->file) {
@@ -167,10 +161,11 @@ QK_API const char *QKErrorLocation(int *line)
     return "(no file)";
 }
 
-QK_API void QKErrorClear(void) { errno = 0; }
+QK_API void QKErrorClear(void) {
+    errno = 0;
+}
 
-QK_API void QKErrorSave(void)
-{
+QK_API void QKErrorSave(void) {
     MessageContext *context = qk::GetContext(true);
     QKErrorMessage();
     ErrorContext *record = context->error;
@@ -179,8 +174,7 @@ QK_API void QKErrorSave(void)
     context->error = nullptr;
 }
 
-QK_API void QKErrorRestore(void)
-{
+QK_API void QKErrorRestore(void) {
     MessageContext *context = qk::GetContext(false);
     qkassert(context != NULL && context->saved != NULL);
     if (context->error) {

@@ -20,6 +20,10 @@ void CrashInstallFilter();
 void CrashThreadAttach();
 void CrashThreadDetach();
 
+// The size of the thread results table and the number of its slots in use
+// (thread.cpp); exported for tests of slot reuse.
+QK_API void ThreadResultsStats(UInt *length, UInt *inUse);
+
 // Thread variables (threadvar.cpp): runs the destructors of the calling
 // thread's variables, in rounds, as at the end of a thread.
 void ThreadVarRunDestructors();

@@ -43,21 +43,19 @@ void NoAbortHook(const char *, const char *, int) {}
 QKAbortHook abortHook = NoAbortHook;
 QKExitHook exitHook = exit;
 
-void FormatVersion()
-{
+void FormatVersion() {
     const char *branch = QKVersionBranch();
     if (branch) {
         trio_snprintf(versionString, sizeof versionString, "%d.%d.%d.%d", kVersionMajor,
                       kVersionMinor, kVersionBuild, kVersionBranchBuild);
     } else {
-        trio_snprintf(versionString, sizeof versionString, "%d.%d.%d", kVersionMajor,
-                      kVersionMinor, kVersionBuild);
+        trio_snprintf(versionString, sizeof versionString, "%d.%d.%d", kVersionMajor, kVersionMinor,
+                      kVersionBuild);
     }
 }
 
 // Kernel numbers from the release string "major.minor.patch-...".
-void ReadKernelVersion()
-{
+void ReadKernelVersion() {
     struct utsname name;
     if (uname(&name) != 0) {
         QKFatalSys(":unable to get operating system version information");
@@ -66,12 +64,11 @@ void ReadKernelVersion()
     sscanf(name.release, "%u.%u.%u", &major, &minor, &patch);
     kernelMajor = major;
     kernelMinor = minor;
-    trio_snprintf(kernelString, sizeof kernelString, "%s %s (build %u)", name.sysname,
-                  name.release, patch);
+    trio_snprintf(kernelString, sizeof kernelString, "%s %s (build %u)", name.sysname, name.release,
+                  patch);
 }
 
-void ReadHostName()
-{
+void ReadHostName() {
     char name[sizeof hostName];
     if (gethostname(name, sizeof name) == 0 && name[0]) {
         name[sizeof name - 1] = '\0';
@@ -81,8 +78,7 @@ void ReadHostName()
     }
 }
 
-void StartUp()
-{
+void StartUp() {
     QKSetGlobalExceptionHandler(nullptr);
     if (!embedded) qk::CrashInstallFilter();
     QKRunProtectedSetPath(".");
@@ -97,8 +93,7 @@ void StartUp()
 }
 
 // The base name of `name`: each '/' or '\\' restarts the copy.
-void SetProgramName(const char *name)
-{
+void SetProgramName(const char *name) {
     MutexLock(&programNameMutex);
     size_t position = 0;
     for (const char *p = name; *p && position < kProgramNameMax; p++) {
@@ -116,10 +111,11 @@ void SetProgramName(const char *name)
 
 namespace qk {
 
-bool LibEmbedded() { return embedded; }
+bool LibEmbedded() {
+    return embedded;
+}
 
-void CallAbortHook(const char *expression, const char *file, int line)
-{
+void CallAbortHook(const char *expression, const char *file, int line) {
     abortHook(expression, file, line);
 }
 
@@ -127,8 +123,7 @@ void CallAbortHook(const char *expression, const char *file, int line)
 
 extern "C" {
 
-QK_API void QKLibInit(const char *name)
-{
+QK_API void QKLibInit(const char *name) {
     int expected = 0;
     if (libState.compare_exchange_strong(expected, 1)) {
         StartUp();
@@ -144,29 +139,38 @@ QK_API void QKLibInit(const char *name)
     if (name) SetProgramName(name);
 }
 
-QK_API void QKLibSetEmbedded(void) { embedded = true; }
+QK_API void QKLibSetEmbedded(void) {
+    embedded = true;
+}
 
-QK_API const char *QKProgramName(void) { return programName; }
+QK_API const char *QKProgramName(void) {
+    return programName;
+}
 
-QK_API Int QKVersionMajor(void) { return kVersionMajor; }
-QK_API Int QKVersionMinor(void) { return kVersionMinor; }
-QK_API Int QKVersionBuild(void) { return kVersionBuild; }
-QK_API Int QKVersionBranchBuild(void) { return kVersionBranchBuild; }
+QK_API Int QKVersionMajor(void) {
+    return kVersionMajor;
+}
+QK_API Int QKVersionMinor(void) {
+    return kVersionMinor;
+}
+QK_API Int QKVersionBuild(void) {
+    return kVersionBuild;
+}
+QK_API Int QKVersionBranchBuild(void) {
+    return kVersionBranchBuild;
+}
 
-QK_API const char *QKVersionBranch(void)
-{
+QK_API const char *QKVersionBranch(void) {
     static const char branch[] = QK_VERSION_BRANCH_NAME;
     return branch[0] ? branch : nullptr;
 }
 
-QK_API const char *QKVersionString(void)
-{
+QK_API const char *QKVersionString(void) {
     if (versionString[0] == '\0') FormatVersion();
     return versionString;
 }
 
-QK_API const char *QKArchitecture(void)
-{
+QK_API const char *QKArchitecture(void) {
 #if defined(__x86_64__)
     return "x86_64-linux";
 #elif defined(__aarch64__)
@@ -178,15 +182,24 @@ QK_API const char *QKArchitecture(void)
 #endif
 }
 
-QK_API UInt KernelVersionMajor(void) { return kernelMajor; }
-QK_API UInt KernelVersionMinor(void) { return kernelMinor; }
-QK_API const char *KernelVersionString(void) { return kernelString; }
-QK_API const char *HostName(void) { return hostName; }
+QK_API UInt KernelVersionMajor(void) {
+    return kernelMajor;
+}
+QK_API UInt KernelVersionMinor(void) {
+    return kernelMinor;
+}
+QK_API const char *KernelVersionString(void) {
+    return kernelString;
+}
+QK_API const char *HostName(void) {
+    return hostName;
+}
 
-QK_API Long GetProcessUptime(void) { return (Long)(time(nullptr) - startTime); }
+QK_API Long GetProcessUptime(void) {
+    return (Long)(time(nullptr) - startTime);
+}
 
-QK_API void qkassert_(const char *expression, const char *file, int line)
-{
+QK_API void qkassert_(const char *expression, const char *file, int line) {
     FILE *stream = QKGetMessageStream(1);
     trio_fprintf(stream, "'%s' failed at %s:%d\n", expression, file, line);
     fflush(stream);
@@ -194,10 +207,16 @@ QK_API void qkassert_(const char *expression, const char *file, int line)
     abort();
 }
 
-QK_API void QKSetAbort(QKAbortHook hook) { abortHook = hook; }
+QK_API void QKSetAbort(QKAbortHook hook) {
+    abortHook = hook;
+}
 
-QK_API void QKSetExit(QKExitHook hook) { exitHook = hook; }
+QK_API void QKSetExit(QKExitHook hook) {
+    exitHook = hook;
+}
 
-QK_API void QKExit(int status) { exitHook(status); }
+QK_API void QKExit(int status) {
+    exitHook(status);
+}
 
 }  // extern "C"

@@ -10,15 +10,14 @@
 
 namespace {
 
-void DefaultMessageHandler(const char *file, int line, int level, int showError,
-                           const char *format, va_list args);
+void DefaultMessageHandler(const char *file, int line, int level, int showError, const char *format,
+                           va_list args);
 
 QKMessageHandler messageHandler = DefaultMessageHandler;
 FILE *messageStreams[2] = {nullptr, nullptr};
 Mutex defaultHandlerMutex = MUTEX_INITIALIZER;
 
-const char *BaseName(const char *path)
-{
+const char *BaseName(const char *path) {
     if (path == nullptr) return "";
     const char *base = path;
     for (const char *p = path; *p; p++) {
@@ -27,9 +26,8 @@ const char *BaseName(const char *path)
     return base;
 }
 
-void DefaultMessageHandler(const char *file, int line, int level, int showError,
-                           const char *format, va_list args)
-{
+void DefaultMessageHandler(const char *file, int line, int level, int showError, const char *format,
+                           va_list args) {
     if (showError) QKErrorMessage();
     MutexLock(&defaultHandlerMutex);
     FILE *stream = QKGetMessageStream(level < 3 ? 0 : 1);
@@ -40,8 +38,8 @@ void DefaultMessageHandler(const char *file, int line, int level, int showError,
             char stamp[64];
             trio_snprintf(stamp, sizeof stamp, "%04u/%02u/%02u-%02u:%02u:%02u",
                           (unsigned)local.tm_year + 1900, (unsigned)local.tm_mon + 1,
-                          (unsigned)local.tm_mday, (unsigned)local.tm_hour,
-                          (unsigned)local.tm_min, (unsigned)local.tm_sec);
+                          (unsigned)local.tm_mday, (unsigned)local.tm_hour, (unsigned)local.tm_min,
+                          (unsigned)local.tm_sec);
             trio_fprintf(stream, "[%s] ", stamp);
         }
     } else if (level >= 3) {
@@ -67,8 +65,7 @@ void DefaultMessageHandler(const char *file, int line, int level, int showError,
 
 extern "C" {
 
-QK_API MessageContext *QKSetMessageContext_(const char *file, int line, int level, int showError)
-{
+QK_API MessageContext *QKSetMessageContext_(const char *file, int line, int level, int showError) {
     MessageContext *context = qk::GetContext(true);
     context->file = file;
     context->line = line;
@@ -77,8 +74,7 @@ QK_API MessageContext *QKSetMessageContext_(const char *file, int line, int leve
     return context;
 }
 
-QK_API void QKVMessage_(const char *format, va_list args)
-{
+QK_API void QKVMessage_(const char *format, va_list args) {
     MessageContext *context = qk::GetContext(true);
     int level = context->level;
     messageHandler(context->file, context->line, level, context->showError, format, args);
@@ -88,23 +84,22 @@ QK_API void QKVMessage_(const char *format, va_list args)
     }
 }
 
-QK_API void QKMessage_(const char *format, ...)
-{
+QK_API void QKMessage_(const char *format, ...) {
     va_list args;
     va_start(args, format);
     QKVMessage_(format, args);
     va_end(args);
 }
 
-QK_API void QKSetMessageHandler(QKMessageHandler handler)
-{
+QK_API void QKSetMessageHandler(QKMessageHandler handler) {
     messageHandler = handler ? handler : DefaultMessageHandler;
 }
 
-QK_API void QKSetMessageStream(int which, FILE *stream) { messageStreams[which ? 1 : 0] = stream; }
+QK_API void QKSetMessageStream(int which, FILE *stream) {
+    messageStreams[which ? 1 : 0] = stream;
+}
 
-QK_API FILE *QKGetMessageStream(int which)
-{
+QK_API FILE *QKGetMessageStream(int which) {
     FILE *stream = messageStreams[which ? 1 : 0];
     if (stream) return stream;
     return which ? stderr : stdout;

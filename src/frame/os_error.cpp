@@ -11,12 +11,15 @@ thread_local int lastError = 0;
 
 extern "C" {
 
-QK_API int QKGetLastError(void) { return lastError; }
+QK_API int QKGetLastError(void) {
+    return lastError;
+}
 
-QK_API void QKSetLastError(int error) { lastError = error; }
+QK_API void QKSetLastError(int error) {
+    lastError = error;
+}
 
-QK_API void QKSetLastErrorFromErrno(void)
-{
+QK_API void QKSetLastErrorFromErrno(void) {
     lastError = errno;
     errno = -1;
 }

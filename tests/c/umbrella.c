@@ -10,8 +10,7 @@ typedef QK_ARRAY(double) DoubleArray;
 
 static Mutex lock = MUTEX_INITIALIZER;
 
-int main(void)
-{
+int main(void) {
     QKLibInit("c-check");
     DoubleArray values = {0};
     for (int i = 0; i < 100; i++) ArrayAdd(values, i * 0.5);

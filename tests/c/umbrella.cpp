@@ -3,8 +3,7 @@
 
 #include <cstring>
 
-int main()
-{
+int main() {
     QKLibInit("cxx-check");
     UIntArray values{};
     for (UInt i = 0; i < 10; i++) ArrayAdd(values, i);

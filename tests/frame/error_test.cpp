@@ -11,16 +11,14 @@
 namespace {
 
 class ErrorTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
+  protected:
+    void SetUp() override {
         QKLibInit("errortest");
         QKErrorClear();
     }
 };
 
-TEST_F(ErrorTest, OsErrorKeepsItsCodeOnceTurnedIntoARecord)
-{
+TEST_F(ErrorTest, OsErrorKeepsItsCodeOnceTurnedIntoARecord) {
     QKSetLastError(EACCES);
     errno = -1;
     EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(EACCES, 1));
@@ -30,8 +28,7 @@ TEST_F(ErrorTest, OsErrorKeepsItsCodeOnceTurnedIntoARecord)
     EXPECT_EQ(QKErrorCode() >> 32, 1u);
 }
 
-TEST_F(ErrorTest, FailedSystemCallRecordsItsErrno)
-{
+TEST_F(ErrorTest, FailedSystemCallRecordsItsErrno) {
     errno = ENOENT;
     QKSetLastErrorFromErrno();
     EXPECT_EQ(errno, -1);
@@ -39,16 +36,14 @@ TEST_F(ErrorTest, FailedSystemCallRecordsItsErrno)
     EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(ENOENT, 1));
 }
 
-TEST_F(ErrorTest, RuntimeErrnoHasDomainZero)
-{
+TEST_F(ErrorTest, RuntimeErrnoHasDomainZero) {
     errno = ENOENT;
     EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(ENOENT, 0));
     EXPECT_STREQ(QKErrorMessage(), strerror(ENOENT));
     EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(ENOENT, 0));
 }
 
-TEST_F(ErrorTest, ZeroErrnoTakesTheRuntimeTextBranch)
-{
+TEST_F(ErrorTest, ZeroErrnoTakesTheRuntimeTextBranch) {
     errno = 0;
     std::string expected = strerror(0);
     errno = 0;
@@ -57,24 +52,21 @@ TEST_F(ErrorTest, ZeroErrnoTakesTheRuntimeTextBranch)
     EXPECT_EQ(QKErrorCode(), 0u);
 }
 
-TEST_F(ErrorTest, ThrowFormatsWithSixtyFourBitConversions)
-{
+TEST_F(ErrorTest, ThrowFormatsWithSixtyFourBitConversions) {
     QKErrorThrow(1, 2, "invalid log serial number: 0x%I64x", (unsigned long long)0x1234567890abULL);
     EXPECT_EQ(errno, -2);
     EXPECT_STREQ(QKErrorMessage(), "invalid log serial number: 0x1234567890ab");
     EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(1, 2));
 }
 
-TEST_F(ErrorTest, NewThrowReplacesTheCurrentError)
-{
+TEST_F(ErrorTest, NewThrowReplacesTheCurrentError) {
     QKErrorThrow(3, 2, "bad magic");
     QKErrorThrow(7, 2, "read EOF");
     EXPECT_STREQ(QKErrorMessage(), "read EOF");
     EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(7, 2));
 }
 
-TEST_F(ErrorTest, RethrowPutsEachCallersWordsInFrontAndKeepsTheCode)
-{
+TEST_F(ErrorTest, RethrowPutsEachCallersWordsInFrontAndKeepsTheCode) {
     QKErrorThrow(5, 2, "t");
     QKErrorRethrow("a");
     QKErrorRethrow("b");
@@ -82,8 +74,7 @@ TEST_F(ErrorTest, RethrowPutsEachCallersWordsInFrontAndKeepsTheCode)
     EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(5, 2));
 }
 
-TEST_F(ErrorTest, RethrowOfAPendingOsErrorWrapsItsText)
-{
+TEST_F(ErrorTest, RethrowOfAPendingOsErrorWrapsItsText) {
     QKSetLastError(ENOSPC);
     errno = -1;
     QKErrorRethrow("cannot write %s", "x");
@@ -91,8 +82,7 @@ TEST_F(ErrorTest, RethrowOfAPendingOsErrorWrapsItsText)
     EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(ENOSPC, 1));
 }
 
-TEST_F(ErrorTest, LongRethrowTextLosesTheOldText)
-{
+TEST_F(ErrorTest, LongRethrowTextLosesTheOldText) {
     QKErrorThrow(1, 2, "old");
     std::string big(1500, 'x');
     QKErrorRethrow("%s", big.c_str());
@@ -105,8 +95,7 @@ TEST_F(ErrorTest, LongRethrowTextLosesTheOldText)
     EXPECT_EQ(std::string(QKErrorMessage()), fits + ": o");
 }
 
-TEST_F(ErrorTest, SaveAndRestoreKeepTheFirstError)
-{
+TEST_F(ErrorTest, SaveAndRestoreKeepTheFirstError) {
     QKErrorThrow(2, 2, "read timeout");
     QKErrorSave();
     EXPECT_EQ(errno, -2);
@@ -118,8 +107,7 @@ TEST_F(ErrorTest, SaveAndRestoreKeepTheFirstError)
     EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(2, 2));
 }
 
-TEST_F(ErrorTest, SavedErrorsStackAndRecordsAreRecycled)
-{
+TEST_F(ErrorTest, SavedErrorsStackAndRecordsAreRecycled) {
     QKErrorThrow(1, 2, "first");
     QKErrorSave();
     QKErrorThrow(2, 2, "second");
@@ -145,8 +133,7 @@ TEST_F(ErrorTest, SavedErrorsStackAndRecordsAreRecycled)
     EXPECT_LE(spares, 2);
 }
 
-TEST_F(ErrorTest, SaveTurnsAPendingErrnoIntoARecord)
-{
+TEST_F(ErrorTest, SaveTurnsAPendingErrnoIntoARecord) {
     errno = EINTR;
     QKErrorSave();
     errno = 0;
@@ -155,8 +142,7 @@ TEST_F(ErrorTest, SaveTurnsAPendingErrnoIntoARecord)
     EXPECT_STREQ(QKErrorMessage(), strerror(EINTR));
 }
 
-TEST_F(ErrorTest, LocationIsRelativeToTheLibraryTree)
-{
+TEST_F(ErrorTest, LocationIsRelativeToTheLibraryTree) {
     QKSetMessageContext_("/home/build/qk/src/frame/error.cpp", 42, 4, 0);
     QKErrorThrow_(1, 2, "x");
     int line = -1;
@@ -175,8 +161,7 @@ TEST_F(ErrorTest, LocationIsRelativeToTheLibraryTree)
     EXPECT_EQ(line, here);
 }
 
-TEST_F(ErrorTest, AThreadWithoutAnErrorHasNoLocation)
-{
+TEST_F(ErrorTest, AThreadWithoutAnErrorHasNoLocation) {
     std::thread([] {
         int line = -1;
         EXPECT_STREQ(QKErrorLocation(&line), "(no file)");
@@ -184,8 +169,7 @@ TEST_F(ErrorTest, AThreadWithoutAnErrorHasNoLocation)
     }).join();
 }
 
-TEST_F(ErrorTest, ClearKeepsTheRecordForReuse)
-{
+TEST_F(ErrorTest, ClearKeepsTheRecordForReuse) {
     QKErrorThrow(1, 2, "x");
     MessageContext *context = QKSetMessageContext_(__FILE__, __LINE__, 0, 0);
     ErrorContext *record = context->error;
@@ -194,8 +178,7 @@ TEST_F(ErrorTest, ClearKeepsTheRecordForReuse)
     EXPECT_EQ(context->error, record);
 }
 
-TEST_F(ErrorTest, ErrorsAreKeptPerThread)
-{
+TEST_F(ErrorTest, ErrorsAreKeptPerThread) {
     QKErrorThrow(1, 2, "main");
     std::thread([] {
         QKErrorThrow(6, 2, "not supported");
@@ -207,13 +190,11 @@ TEST_F(ErrorTest, ErrorsAreKeptPerThread)
 
 using ErrorDeathTest = ErrorTest;
 
-TEST_F(ErrorDeathTest, RestoreWithAnEmptyStackIsAnAssertion)
-{
+TEST_F(ErrorDeathTest, RestoreWithAnEmptyStackIsAnAssertion) {
     EXPECT_DEATH(QKErrorRestore(), "'context != NULL && context->saved != NULL' failed");
 }
 
-TEST_F(ErrorDeathTest, ThrowWithoutAContextIsAnAssertion)
-{
+TEST_F(ErrorDeathTest, ThrowWithoutAContextIsAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(std::thread([] { QKErrorThrow_(1, 2, "x"); }).join(), "'! create' failed");
     // With a context set first, the same throw works.

@@ -19,18 +19,15 @@ namespace {
 
 // Collects what the default handler writes on one of its two streams.
 class StreamCapture {
-public:
-    explicit StreamCapture(int which) : which_(which), file_(tmpfile())
-    {
+  public:
+    explicit StreamCapture(int which) : which_(which), file_(tmpfile()) {
         QKSetMessageStream(which_, file_);
     }
-    ~StreamCapture()
-    {
+    ~StreamCapture() {
         QKSetMessageStream(which_, nullptr);
         fclose(file_);
     }
-    std::string Text()
-    {
+    std::string Text() {
         fflush(file_);
         std::string text;
         rewind(file_);
@@ -40,28 +37,26 @@ public:
         return text;
     }
 
-private:
+  private:
     int which_;
     FILE *file_;
 };
 
 class MessageTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { QKLibInit("msgtest"); }
     void TearDown() override { QKSetMessageHandler(nullptr); }
 };
 
-TEST_F(MessageTest, ErrorLevelNamesProgramAndSourcePosition)
-{
+TEST_F(MessageTest, ErrorLevelNamesProgramAndSourcePosition) {
     StreamCapture err(1);
     int line = __LINE__ + 1;
     QKError("cannot open %s", "x.dat");
-    EXPECT_EQ(err.Text(), "msgtest: \"message_test.cpp:" + std::to_string(line) +
-                              "\": cannot open x.dat\r\n");
+    EXPECT_EQ(err.Text(),
+              "msgtest: \"message_test.cpp:" + std::to_string(line) + "\": cannot open x.dat\r\n");
 }
 
-TEST_F(MessageTest, LeadingColonHidesThePositionAtErrorLevelsOnly)
-{
+TEST_F(MessageTest, LeadingColonHidesThePositionAtErrorLevelsOnly) {
     StreamCapture out(0), err(1);
     QKError(":unknown version: %u.%u", 7u, 1u);
     EXPECT_EQ(err.Text(), "msgtest: unknown version: 7.1\r\n");
@@ -72,8 +67,7 @@ TEST_F(MessageTest, LeadingColonHidesThePositionAtErrorLevelsOnly)
     EXPECT_TRUE(std::regex_match(out.Text(), stamped)) << out.Text();
 }
 
-TEST_F(MessageTest, LevelsBelowThreeGoToTheOutputStream)
-{
+TEST_F(MessageTest, LevelsBelowThreeGoToTheOutputStream) {
     StreamCapture out(0), err(1);
     QKMessage(0, "stat %I64u", (unsigned long long)1 << 40);
     QKMessage(1, "dump");
@@ -81,8 +75,7 @@ TEST_F(MessageTest, LevelsBelowThreeGoToTheOutputStream)
     EXPECT_EQ(err.Text(), "");
 }
 
-TEST_F(MessageTest, ShowErrorAppendsThePendingErrorText)
-{
+TEST_F(MessageTest, ShowErrorAppendsThePendingErrorText) {
     StreamCapture err(1);
     QKSetLastError(ENOENT);
     errno = -1;
@@ -98,15 +91,13 @@ struct Seen {
 Seen seen;
 
 void RecordingHandler(const char *file, int line, int level, int showError, const char *format,
-                      va_list args)
-{
+                      va_list args) {
     char text[256];
     vsnprintf(text, sizeof text, format, args);
     seen = {file, text, line, level, showError};
 }
 
-TEST_F(MessageTest, ReplacedHandlerReceivesTheContextFields)
-{
+TEST_F(MessageTest, ReplacedHandlerReceivesTheContextFields) {
     QKSetMessageHandler(RecordingHandler);
     int line = __LINE__ + 1;
     QKMessageSys(2, "n=%d", 12);
@@ -121,15 +112,13 @@ TEST_F(MessageTest, ReplacedHandlerReceivesTheContextFields)
     EXPECT_EQ(out.Text(), "back\r\n");
 }
 
-TEST_F(MessageTest, StreamsDefaultToStandardOutputAndError)
-{
+TEST_F(MessageTest, StreamsDefaultToStandardOutputAndError) {
     EXPECT_EQ(QKGetMessageStream(0), stdout);
     EXPECT_EQ(QKGetMessageStream(1), stderr);
     EXPECT_EQ(QKGetMessageStream(5), stderr);
 }
 
-TEST_F(MessageTest, StateIsDeclaredAndCleared)
-{
+TEST_F(MessageTest, StateIsDeclaredAndCleared) {
     std::thread([] {
         EXPECT_EQ(QKGetState(), nullptr);
         int line = __LINE__ + 1;
@@ -151,8 +140,7 @@ TEST_F(MessageTest, StateIsDeclaredAndCleared)
     }).join();
 }
 
-TEST_F(MessageTest, ThreadNameStartsAsTheThreadIdentifier)
-{
+TEST_F(MessageTest, ThreadNameStartsAsTheThreadIdentifier) {
     std::thread([] {
         EXPECT_EQ(std::string(ThreadGetName()), std::to_string(ThreadId()));
         std::string longName(300, 'n');
@@ -167,8 +155,7 @@ TEST_F(MessageTest, ThreadNameStartsAsTheThreadIdentifier)
     }).join();
 }
 
-TEST_F(MessageTest, ProgramNameIsTheBaseNameAfterEitherSeparator)
-{
+TEST_F(MessageTest, ProgramNameIsTheBaseNameAfterEitherSeparator) {
     QKLibInit("C:\\tools\\bin/sub\\crawler.exe");
     EXPECT_STREQ(QKProgramName(), "crawler.exe");
     QKLibInit(nullptr);
@@ -179,8 +166,7 @@ TEST_F(MessageTest, ProgramNameIsTheBaseNameAfterEitherSeparator)
     QKLibInit("msgtest");
 }
 
-TEST_F(MessageTest, VersionAndSystemIdentity)
-{
+TEST_F(MessageTest, VersionAndSystemIdentity) {
     EXPECT_EQ(QKVersionMajor(), 4);
     EXPECT_EQ(QKVersionMinor(), 5);
     EXPECT_EQ(QKVersionBuild(), 68);
@@ -199,8 +185,8 @@ TEST_F(MessageTest, VersionAndSystemIdentity)
     sscanf(name.release, "%u.%u", &major, &minor);
     EXPECT_EQ(KernelVersionMajor(), major);
     EXPECT_EQ(KernelVersionMinor(), minor);
-    EXPECT_EQ(std::string(KernelVersionString()).rfind(std::string(name.sysname) + " " +
-                                                           name.release + " (build ", 0),
+    EXPECT_EQ(std::string(KernelVersionString())
+                  .rfind(std::string(name.sysname) + " " + name.release + " (build ", 0),
               0u);
     char host[256];
     ASSERT_EQ(gethostname(host, sizeof host), 0);
@@ -208,8 +194,7 @@ TEST_F(MessageTest, VersionAndSystemIdentity)
     EXPECT_GE(GetProcessUptime(), 0);
 }
 
-TEST_F(MessageTest, ConcurrentStartsAllReturnStarted)
-{
+TEST_F(MessageTest, ConcurrentStartsAllReturnStarted) {
     std::vector<std::thread> threads;
     std::atomic<int> ready{0};
     for (int i = 0; i < 8; i++) {
@@ -225,10 +210,11 @@ TEST_F(MessageTest, ConcurrentStartsAllReturnStarted)
 }
 
 int exitStatus = -1;
-void RecordExit(int status) { exitStatus = status; }
+void RecordExit(int status) {
+    exitStatus = status;
+}
 
-TEST_F(MessageTest, ExitGoesThroughTheHook)
-{
+TEST_F(MessageTest, ExitGoesThroughTheHook) {
     QKSetExit(RecordExit);
     QKExit(3);
     EXPECT_EQ(exitStatus, 3);
@@ -237,15 +223,13 @@ TEST_F(MessageTest, ExitGoesThroughTheHook)
 
 using MessageDeathTest = MessageTest;
 
-void NoisyAbortHook(const char *expression, const char *file, int line)
-{
+void NoisyAbortHook(const char *expression, const char *file, int line) {
     fprintf(stderr, "abort hook: %s at %s:%d\n", expression, file ? "file" : "none", line > 0);
 }
 
 void SilentHandler(const char *, int, int, int, const char *, va_list) {}
 
-TEST_F(MessageDeathTest, FatalMessageEndsTheProcessEvenIfTheHandlerReturns)
-{
+TEST_F(MessageDeathTest, FatalMessageEndsTheProcessEvenIfTheHandlerReturns) {
     EXPECT_EXIT(
         {
             QKSetAbort(NoisyAbortHook);
@@ -257,8 +241,7 @@ TEST_F(MessageDeathTest, FatalMessageEndsTheProcessEvenIfTheHandlerReturns)
                 "msgtest: \"message_test.cpp:[0-9]+\": fatal 9");
 }
 
-TEST_F(MessageDeathTest, AssertionWritesItsExpressionAndAborts)
-{
+TEST_F(MessageDeathTest, AssertionWritesItsExpressionAndAborts) {
     EXPECT_DEATH(
         {
             QKSetAbort(NoisyAbortHook);

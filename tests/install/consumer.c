@@ -3,8 +3,7 @@
 
 #include <qk/qkcommon.h>
 
-int main(void)
-{
+int main(void) {
     QKLibInit("consumer");
     ByteArray bytes = {0};
     ArrayAppend(bytes, "abc", 3);

@@ -12,8 +12,11 @@ cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
 libdir=$(ls -d "$work"/prefix/lib*/pkgconfig | head -n1)
 libdir=${libdir%/pkgconfig}
 
+# A sanitized build of the library needs the same runtime in the program.
+flags=${QK_CONSUMER_FLAGS:-}
+
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
-${CC:-cc} -std=c11 -Wall -Wextra -Werror "$source_dir/consumer.c" -o "$work/consumer-pc" \
+${CC:-cc} -std=c11 -Wall -Wextra -Werror $flags "$source_dir/consumer.c" -o "$work/consumer-pc" \
     $(pkg-config --cflags --libs qkcommon)
 LD_LIBRARY_PATH="$libdir" "$work/consumer-pc" | grep -q '^consumer ok 4\.5\.68'
 
@@ -26,7 +29,8 @@ find_package(qkcommon REQUIRED)
 add_executable(consumer consumer.c)
 target_link_libraries(consumer PRIVATE qkcommon::qkcommon)
 CMAKE
-cmake -S "$work/cmake-src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake -S "$work/cmake-src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" \
+    -DCMAKE_C_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
 LD_LIBRARY_PATH="$libdir" "$work/cmake-build/consumer" | grep -q '^consumer ok 4\.5\.68'
 echo "install consumer: pkg-config and CMake package both work"
