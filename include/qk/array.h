@@ -74,11 +74,15 @@ QK_API void ArrayCopy_(void *target, size_t targetEltSize, const void *source, s
         while ((a).capacity < (UInt)(n)) ArrayGrow(a); \
     } while (0)
 
-/* Appends one element. */
+/* Appends one element. The length is read once and written after the
+ * element, so that a loop of appends keeps it in a register even when the
+ * elements have the length's type. */
 #define ArrayAdd(a, value)                            \
     do {                                              \
-        if ((a).length == (a).capacity) ArrayGrow(a); \
-        (a).data[(a).length++] = (value);             \
+        UInt qk_length_ = (a).length;                 \
+        if (qk_length_ == (a).capacity) ArrayGrow(a); \
+        (a).data[qk_length_] = (value);               \
+        (a).length = qk_length_ + 1;                  \
     } while (0)
 
 /* Appends one uninitialised element and yields a pointer to it. */
@@ -133,8 +137,10 @@ QK_API void VMArrayCopy_(void *target, size_t targetEltSize, const void *source,
     } while (0)
 #define VMArrayAdd(a, value)                            \
     do {                                                \
-        if ((a).length == (a).capacity) VMArrayGrow(a); \
-        (a).data[(a).length++] = (value);               \
+        UInt qk_length_ = (a).length;                   \
+        if (qk_length_ == (a).capacity) VMArrayGrow(a); \
+        (a).data[qk_length_] = (value);                 \
+        (a).length = qk_length_ + 1;                    \
     } while (0)
 
 /*

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <stdint.h>
 
+#include <tuple>
 #include <vector>
 
 #include "qk/qkcommon.h"
@@ -13,7 +14,13 @@ class ArrayTest : public ::testing::Test {
     void SetUp() override { QKLibInit("arraytest"); }
 };
 
-TEST_F(ArrayTest, ZeroHeaderGrowsToFourThenDoubles) {
+// The header of an array: data, length, capacity.
+template <class A>
+std::tuple<const void *, UInt, UInt> Header(const A &a) {
+    return {a.data, a.length, a.capacity};
+}
+
+TEST_F(ArrayTest, GrowsFromFourByDoubling) {
     UIntArray a = {};
     std::vector<UInt> capacities;
     for (UInt i = 0; i < 17; i++) {
@@ -25,23 +32,34 @@ TEST_F(ArrayTest, ZeroHeaderGrowsToFourThenDoubles) {
     ASSERT_EQ(ArrayLength(a), 17u);
     for (UInt i = 0; i < 17; i++) EXPECT_EQ(ArrayNth(a, i), i * 3);
     ArrayFree(a);
-    EXPECT_EQ(a.data, nullptr);
-    EXPECT_EQ(a.length, 0u);
-    EXPECT_EQ(a.capacity, 0u);
+    EXPECT_EQ(Header(a), Header(UIntArray{}));
     ArrayFree(a);  // a freed array is again a valid empty one
-}
 
-TEST_F(ArrayTest, EnsureAndAppendGrowByDoubling) {
-    ByteArray a;
-    ArrayInit(a);
-    ArrayAppend(a, "hello, world", 12);
-    EXPECT_EQ(a.capacity, 16u);
-    EXPECT_EQ(memcmp(a.data, "hello, world", 12), 0);
-    ArrayEnsure(a, 100);
-    EXPECT_EQ(a.capacity, 128u);
-    EXPECT_EQ(a.length, 12u);
-    EXPECT_EQ(memcmp(a.data, "hello, world", 12), 0);
-    ArrayFree(a);
+    ByteArray b;
+    ArrayInit(b);
+    ArrayAppend(b, "hello, world", 12);
+    EXPECT_EQ(b.capacity, 16u);
+    ArrayEnsure(b, 100);
+    EXPECT_EQ(Header(b), std::tuple(b.data, 12u, 128u));
+    EXPECT_EQ(memcmp(b.data, "hello, world", 12), 0);
+    ArrayFree(b);
+
+    // Exact growth only grows, and keeps the contents.
+    ULongArray c = {};
+    ArrayGrowExact(c, 3);
+    c.data[0] = 11;
+    c.data[2] = 33;
+    c.length = 3;
+    EXPECT_EQ(c.capacity, 3u);
+    const ULong *data = c.data;
+    ArrayGrowExact(c, 2);
+    ArrayGrowExact(c, 3);
+    EXPECT_EQ(Header(c), std::tuple(data, 3u, 3u));
+    ArrayGrowExact(c, 5);
+    EXPECT_EQ(c.capacity, 5u);
+    EXPECT_EQ(c.data[0], 11u);
+    EXPECT_EQ(c.data[2], 33u);
+    ArrayFree(c);
 }
 
 TEST_F(ArrayTest, GrowAboveHalfTheRangeIsAnAssertion) {
@@ -53,84 +71,42 @@ TEST_F(ArrayTest, GrowAboveHalfTheRangeIsAnAssertion) {
     // memory).
     Array b = {nullptr, 0, 2147483647u};
     ArrayGrow_(&b, 0, __FILE__, __LINE__);
-    EXPECT_EQ(b.capacity, 4294967294u);
-    EXPECT_EQ(b.data, nullptr);
+    EXPECT_EQ(Header(b), std::tuple(nullptr, 0u, 4294967294u));
 }
 
-TEST_F(ArrayTest, GrowExactOnlyGrows) {
-    ULongArray a = {};
-    ArrayGrowExact(a, 3);
-    EXPECT_EQ(a.capacity, 3u);
-    a.data[0] = 11;
-    a.data[2] = 33;
-    a.length = 3;
-    ULong *data = a.data;
-    ArrayGrowExact(a, 2);
-    ArrayGrowExact(a, 3);
-    EXPECT_EQ(a.data, data);
-    EXPECT_EQ(a.capacity, 3u);
-    ArrayGrowExact(a, 5);
-    EXPECT_EQ(a.capacity, 5u);
-    EXPECT_EQ(a.data[0], 11u);
-    EXPECT_EQ(a.data[2], 33u);
-    EXPECT_EQ(a.length, 3u);
-    ArrayFree(a);
-}
-
-TEST_F(ArrayTest, CopyIntoEmptyTarget) {
+TEST_F(ArrayTest, CopyGrowsOnlyATooSmallTarget) {
     UIntArray source = {}, target = {};
-    for (UInt i = 0; i < 5; i++) ArrayAdd(source, i + 100);
+    for (UInt i = 0; i < 20; i++) ArrayAdd(source, i + 100);
+    source.length = 5;
     ArrayCopy(target, source);
-    EXPECT_EQ(target.length, 5u);
-    EXPECT_EQ(target.capacity, 8u);  // 4, doubled until 5 fit
+    EXPECT_EQ(Header(target), std::tuple(target.data, 5u, 8u));  // 4, doubled until 5 fit
     EXPECT_NE(target.data, source.data);
-    for (UInt i = 0; i < 5; i++) EXPECT_EQ(target.data[i], i + 100);
-    ArrayFree(source);
-    ArrayFree(target);
-}
-
-TEST_F(ArrayTest, CopyIntoSmallTargetDoublesItsCapacity) {
-    UIntArray source = {}, target = {};
-    for (UInt i = 0; i < 20; i++) ArrayAdd(source, i);
-    for (UInt i = 0; i < 3; i++) ArrayAdd(target, 7);
-    ASSERT_EQ(target.capacity, 4u);
+    // A small target doubles its capacity until the source fits.
+    source.length = 20;
     ArrayCopy(target, source);
-    EXPECT_EQ(target.capacity, 32u);  // 8, 16, 32
-    EXPECT_EQ(target.length, 20u);
-    for (UInt i = 0; i < 20; i++) EXPECT_EQ(target.data[i], i);
-    ArrayFree(source);
-    ArrayFree(target);
-}
+    EXPECT_EQ(target.capacity, 32u);  // 16, 32
+    EXPECT_EQ(std::vector<UInt>(target.data, target.data + target.length),
+              std::vector<UInt>(source.data, source.data + 20));
 
-TEST_F(ArrayTest, CopyIntoLargeEnoughTargetKeepsItsMemory) {
-    UIntArray source = {}, target = {};
-    for (UInt i = 0; i < 3; i++) ArrayAdd(source, i + 1);
-    ArrayGrowExact(target, 10);
-    UInt *data = target.data;
+    // One large enough keeps its memory.
+    const UInt *data = target.data;
+    source.length = 3;
     ArrayCopy(target, source);
-    EXPECT_EQ(target.data, data);
-    EXPECT_EQ(target.capacity, 10u);
-    EXPECT_EQ(target.length, 3u);
-    EXPECT_EQ(target.data[2], 3u);
-
-    UIntArray empty = {};
-    ArrayCopy(target, empty);
-    EXPECT_EQ(target.data, data);
-    EXPECT_EQ(target.capacity, 10u);
-    EXPECT_EQ(target.length, 0u);
+    EXPECT_EQ(Header(target), std::tuple(data, 3u, 32u));
+    EXPECT_EQ(target.data[2], 102u);
+    source.length = 0;
+    ArrayCopy(target, source);
+    EXPECT_EQ(Header(target), std::tuple(data, 0u, 32u));
     ArrayFree(source);
     ArrayFree(target);
-}
 
-TEST_F(ArrayTest, CopyBetweenElementSizesIsAnAssertion) {
-    UIntArray a = {};
-    ULongArray b = {};
-    EXPECT_DEATH(ArrayCopy(a, b), "'aSize == bSize' failed");
+    ULongArray other = {};
+    EXPECT_DEATH(ArrayCopy(target, other), "'aSize == bSize' failed");
 }
 
 // ---- VMArray ----
 
-TEST_F(ArrayTest, VMArrayGrowsInPagesAndKeepsContents) {
+TEST_F(ArrayTest, VMArrayGrowsInPagesAndCopies) {
     QK_VMARRAY(ULong) a;
     VMArrayInit(a);
     std::vector<UInt> capacities;
@@ -143,45 +119,33 @@ TEST_F(ArrayTest, VMArrayGrowsInPagesAndKeepsContents) {
     EXPECT_EQ(capacities,
               (std::vector<UInt>{4, 8, 16, 32, 64, 128, 256, 512, 1024, 2048, 4096, 8192}));
     for (ULong i = 0; i < 5000; i++) ASSERT_EQ(VMArrayNth(a, i), i * i);
-    VMArrayFree(a);
-    EXPECT_EQ(a.data, nullptr);
-    EXPECT_EQ(a.capacity, 0u);
-    EXPECT_EQ(a.length, 0u);
-}
 
-TEST_F(ArrayTest, VMArrayCopy) {
-    QK_VMARRAY(UInt) source, target;
-    VMArrayInit(source);
+    QK_VMARRAY(ULong) target;
     VMArrayInit(target);
-    for (UInt i = 0; i < 9; i++) VMArrayAdd(source, i ^ 0x55);
-    VMArrayCopy(target, source);
-    EXPECT_EQ(target.capacity, 16u);
-    EXPECT_EQ(target.length, 9u);
-    for (UInt i = 0; i < 9; i++) EXPECT_EQ(target.data[i], i ^ 0x55);
-
-    UInt *data = target.data;
-    source.length = 0;
-    VMArrayCopy(target, source);
-    EXPECT_EQ(target.data, data);
-    EXPECT_EQ(target.length, 0u);
-    EXPECT_EQ(target.capacity, 16u);
+    a.length = 9;
+    VMArrayCopy(target, a);
+    EXPECT_EQ(Header(target), std::tuple(target.data, 9u, 16u));
+    for (ULong i = 0; i < 9; i++) EXPECT_EQ(target.data[i], i * i);
+    const ULong *data = target.data;
+    a.length = 0;
+    VMArrayCopy(target, a);
+    EXPECT_EQ(Header(target), std::tuple(data, 0u, 16u));
 
     QK_VMARRAY(UShort) other;
     VMArrayInit(other);
-    EXPECT_DEATH(VMArrayCopy(other, source), "'aSize == bSize' failed");
-    VMArrayFree(source);
+    EXPECT_DEATH(VMArrayCopy(other, a), "'aSize == bSize' failed");
+    VMArrayFree(a);
     VMArrayFree(target);
+    EXPECT_EQ(Header(a), std::tuple(nullptr, 0u, 0u));
 }
 
-TEST_F(ArrayTest, VMArrayMapFailureIsFatal) {
+TEST_F(ArrayTest, VMArrayGrowthFailures) {
     Array a = {nullptr, 0, 0};
     EXPECT_EXIT(VMArrayGrow_(&a, SIZE_MAX / 8, __FILE__, __LINE__), ::testing::ExitedWithCode(1),
                 "memory map failed: ptr=.* size=");
-}
-
-TEST_F(ArrayTest, VMArrayCountBeyondThirtyTwoBitsIsAnAssertion) {
-    Array a = {nullptr, 0, 2147483648u};
-    EXPECT_DEATH(VMArrayGrow_(&a, 0, __FILE__, __LINE__), "'a->capacity <= .*' failed");
+    // The count is 32-bit whatever the width of a size.
+    Array b = {nullptr, 0, 2147483648u};
+    EXPECT_DEATH(VMArrayGrow_(&b, 0, __FILE__, __LINE__), "'a->capacity <= .*' failed");
 }
 
 }  // namespace

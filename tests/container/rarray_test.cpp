@@ -12,46 +12,44 @@ struct Element {
     ByteArray text;  // an inner allocation kept between uses
     int inits;
     int reInits;
-    int useInits;
 };
 
 typedef QK_ARRAY(Element) ElementArray;
+using Calls = std::vector<std::string>;
 
-struct Log {
-    std::vector<std::string> calls;
-};
-
-void ElementInit(Element *e, UInt index, Log *log) {
+void ElementInit(Element *e, UInt index, Calls *log) {
     memset(e, 0, sizeof(*e));
     e->inits++;
-    log->calls.push_back("Init" + std::to_string(index));
+    log->push_back("Init" + std::to_string(index));
 }
 
-void ElementReInit(Element *e, UInt index, Log *log) {
+void ElementReInit(Element *e, UInt index, Calls *log) {
     ByteArrayReInit(&e->text);
     e->reInits++;
-    log->calls.push_back("ReInit" + std::to_string(index));
+    log->push_back("ReInit" + std::to_string(index));
 }
 
-void ElementUseInit(Element *e, UInt index, Log *log) {
-    e->useInits++;
-    log->calls.push_back("UseInit" + std::to_string(index));
+void ElementUseInit(Element *, UInt index, Calls *log) {
+    log->push_back("UseInit" + std::to_string(index));
 }
 
-void ElementFree(Element *e, UInt index, Log *log) {
+void ElementFree(Element *e, UInt index, Calls *log) {
     ArrayFree(e->text);
-    log->calls.push_back("Free" + std::to_string(index));
+    log->push_back("Free" + std::to_string(index));
 }
 
-using Calls = std::vector<std::string>;
+// Add and Nth with the element's functions, which log into `log`.
+#define ADD(a, log) RArrayAdd(a, &log, ElementInit, ElementReInit, ElementUseInit)
+#define NTH(a, index, create, log, use) \
+    RArrayNth(a, index, create, &log, ElementInit, ElementReInit, ElementUseInit, use)
 
 TEST(RArrayTest, AddInitialisesOnceThenReuses) {
     ElementArray a = {};
-    Log log;
-    Element *e0 = RArrayAdd(a, &log, ElementInit, ElementReInit, ElementUseInit);
+    Calls log;
+    Element *e0 = ADD(a, log);
     EXPECT_EQ(e0, a.data);
-    Element *e1 = RArrayAdd(a, &log, ElementInit, ElementReInit, ElementUseInit);
-    EXPECT_EQ(log.calls, (Calls{"Init0", "ReInit0", "UseInit0", "Init1", "ReInit1", "UseInit1"}));
+    Element *e1 = ADD(a, log);
+    EXPECT_EQ(log, (Calls{"Init0", "ReInit0", "UseInit0", "Init1", "ReInit1", "UseInit1"}));
     EXPECT_EQ(e1, a.data + 1);  // the block may have moved
     EXPECT_EQ(a.length, 2u);
     EXPECT_EQ(a.capacity, 2u);  // grown by exactly one each time
@@ -60,75 +58,64 @@ TEST(RArrayTest, AddInitialisesOnceThenReuses) {
 
     // Cleared by length: the elements are reused without Init.
     a.length = 0;
-    log.calls.clear();
-    Element *again = RArrayAdd(a, &log, ElementInit, ElementReInit, ElementUseInit);
-    EXPECT_EQ(log.calls, (Calls{"ReInit0", "UseInit0"}));
+    log.clear();
+    Element *again = ADD(a, log);
+    EXPECT_EQ(log, (Calls{"ReInit0", "UseInit0"}));
     EXPECT_EQ(again->inits, 1);
     EXPECT_EQ(again->reInits, 2);
     EXPECT_EQ(again->text.length, 0u);
     EXPECT_EQ(again->text.data, inner);  // the inner allocation is kept
 
-    log.calls.clear();
+    log.clear();
     RArrayFree(a, &log, ElementFree);
-    EXPECT_EQ(log.calls, (Calls{"Free0", "Free1"}));  // every initialised element
+    EXPECT_EQ(log, (Calls{"Free0", "Free1"}));  // every initialised element
     EXPECT_EQ(a.data, nullptr);
+
+    // Absent functions are skipped.
+    QK_ARRAY(int) b = {};
+    *RArrayAdd(b, nullptr, nullptr, nullptr, nullptr) = 5;
+    EXPECT_EQ(b.length, 1u);
+    RArrayFree(b, nullptr, nullptr);
 }
 
-TEST(RArrayTest, AddWithAbsentFunctions) {
-    QK_ARRAY(int) a = {};
-    int *p = RArrayAdd(a, nullptr, nullptr, nullptr, nullptr);
-    *p = 5;
-    EXPECT_EQ(a.length, 1u);
-    RArrayFree(a, nullptr, nullptr);
-}
-
-TEST(RArrayTest, NthWithoutCreateFindsOnlyElementsInUse) {
+TEST(RArrayTest, NthFindsElementsInUseOrCreatesThem) {
     ElementArray a = {};
-    Log log;
-    EXPECT_EQ(RArrayNth(a, 0, 0, &log, ElementInit, ElementReInit, ElementUseInit, 1), nullptr);
+    Calls log;
+    EXPECT_EQ(NTH(a, 0, 0, log, 1), nullptr);
     EXPECT_EQ(a.capacity, 0u);
-    EXPECT_TRUE(log.calls.empty());
+    EXPECT_TRUE(log.empty());
 
-    RArrayAdd(a, &log, ElementInit, ElementReInit, ElementUseInit);
-    RArrayAdd(a, &log, ElementInit, ElementReInit, ElementUseInit);
+    ADD(a, log);
+    ADD(a, log);
     a.length = 1;
-    log.calls.clear();
+    log.clear();
     // Element 1 is initialised but not in use.
-    EXPECT_EQ(RArrayNth(a, 1, 0, &log, ElementInit, ElementReInit, ElementUseInit, 1), nullptr);
-    Element *e0 = RArrayNth(a, 0, 0, &log, ElementInit, ElementReInit, ElementUseInit, 0);
-    EXPECT_EQ(e0, a.data);
-    EXPECT_TRUE(log.calls.empty());
-    Element *used = RArrayNth(a, 0, 0, &log, ElementInit, ElementReInit, ElementUseInit, 1);
-    EXPECT_EQ(used, a.data);
-    EXPECT_EQ(log.calls, (Calls{"UseInit0"}));
-    RArrayFree(a, &log, ElementFree);
-}
+    EXPECT_EQ(NTH(a, 1, 0, log, 1), nullptr);
+    EXPECT_EQ(NTH(a, 0, 0, log, 0), a.data);
+    EXPECT_TRUE(log.empty());
+    EXPECT_EQ(NTH(a, 0, 0, log, 1), a.data);
+    EXPECT_EQ(log, (Calls{"UseInit0"}));
 
-TEST(RArrayTest, NthWithCreateInitialisesTheGap) {
-    ElementArray a = {};
-    Log log;
-    RArrayAdd(a, &log, ElementInit, ElementReInit, ElementUseInit);
-    log.calls.clear();
-    Element *e3 = RArrayNth(a, 3, 1, &log, ElementInit, ElementReInit, ElementUseInit, 1);
-    ASSERT_NE(e3, nullptr);
+    // Creating initialises the gap.
+    log.clear();
+    Element *e3 = NTH(a, 3, 1, log, 1);
     EXPECT_EQ(e3, a.data + 3);
     EXPECT_EQ(a.capacity, 4u);
     EXPECT_EQ(a.length, 4u);
-    EXPECT_EQ(log.calls,
-              (Calls{"Init1", "Init2", "Init3", "ReInit1", "ReInit2", "ReInit3", "UseInit3"}));
+    EXPECT_EQ(log, (Calls{"Init2", "Init3", "ReInit1", "ReInit2", "ReInit3", "UseInit3"}));
     for (UInt i = 0; i < 4; i++) EXPECT_EQ(a.data[i].inits, 1) << i;
 
     // In capacity but past length: only ReInit.
     a.length = 2;
-    log.calls.clear();
-    RArrayNth(a, 3, 1, &log, ElementInit, ElementReInit, ElementUseInit, 0);
-    EXPECT_EQ(log.calls, (Calls{"ReInit2", "ReInit3"}));
+    log.clear();
+    NTH(a, 3, 1, log, 0);
+    EXPECT_EQ(log, (Calls{"ReInit2", "ReInit3"}));
     EXPECT_EQ(a.length, 4u);
     RArrayFree(a, &log, ElementFree);
 }
 
-TEST(RArrayTest, ByteArrayReInitFreesPastTheKeepLimit) {
-    ByteArray small = {};
+TEST(RArrayTest, ReInitAndResetFreePastTheKeepLimit) {
+    ByteArray small = {}, big = {};
     ArraySetLength(small, 10000);
     UByte *data = small.data;
     ByteArrayReInit(&small);
@@ -136,21 +123,17 @@ TEST(RArrayTest, ByteArrayReInitFreesPastTheKeepLimit) {
     EXPECT_EQ(small.data, data);  // kept for the next use
     EXPECT_GE(small.capacity, 10000u);
     ArrayFree(small);
-
-    ByteArray big = {};
     ArraySetLength(big, 10001);
     ByteArrayReInit(&big);
     EXPECT_EQ(big.length, 0u);
     EXPECT_EQ(big.data, nullptr);
     EXPECT_EQ(big.capacity, 0u);
-}
 
-TEST(RArrayTest, ArrayResetFreesPastTheKeepLimit) {
     UIntArray a = {};
     ArraySetLength(a, 100);
-    UInt *data = a.data;
+    UInt *kept = a.data;
     ArrayReset(a);
-    EXPECT_EQ(a.data, data);
+    EXPECT_EQ(a.data, kept);
     EXPECT_EQ(a.length, 0u);
     ArraySetLength(a, 20000);
     ArrayReset(a);

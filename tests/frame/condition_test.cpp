@@ -31,6 +31,7 @@ UInt WaitersOf(Condition *condition) {
     return waiters;
 }
 
+// Tries the lock behind a mutex word from another thread.
 bool LockedElsewhere(Mutex *mutex) {
     bool busy = false;
     std::thread other([&] {
@@ -59,7 +60,20 @@ class ConditionTest : public ::testing::Test {
     Mutex mutex;
 };
 
-TEST_F(ConditionTest, SignalledWaitReturnsOneWithTheMutexHeld) {
+// A wait returns with the mutex held again: 0 on timeout, 1 when signalled.
+// Signals and broadcasts with nobody waiting are lost.
+TEST_F(ConditionTest, WaitsReturnWithTheMutexHeld) {
+    ConditionSignal(&condition);
+    ConditionSignal(&condition);
+    MutexLock(&mutex);
+    ConditionBroadcast(&condition);
+    EXPECT_EQ(condition.broadcasting, 0u);
+    for (UInt timeout : {20u, 0u}) {
+        EXPECT_EQ(ConditionTimedWait(&condition, &mutex, timeout), 0);
+        EXPECT_TRUE(LockedElsewhere(&mutex));
+        EXPECT_EQ(WaitersOf(&condition), 0u);
+    }
+
     bool flag = false;
     std::thread signaller([&] {
         ASSERT_TRUE(WaitFor([&] { return WaitersOf(&condition) == 1; }));
@@ -68,47 +82,19 @@ TEST_F(ConditionTest, SignalledWaitReturnsOneWithTheMutexHeld) {
         ConditionSignal(&condition);
         MutexUnlock(&mutex);
     });
-    MutexLock(&mutex);
     EXPECT_EQ(ConditionTimedWait(&condition, &mutex, 60000), 1);
     EXPECT_TRUE(flag);
     EXPECT_TRUE(LockedElsewhere(&mutex));
     MutexUnlock(&mutex);
     signaller.join();
     EXPECT_EQ(WaitersOf(&condition), 0u);
-}
-
-TEST_F(ConditionTest, TimedOutWaitReturnsZeroWithTheMutexHeld) {
-    MutexLock(&mutex);
-    EXPECT_EQ(ConditionTimedWait(&condition, &mutex, 20), 0);
-    EXPECT_TRUE(LockedElsewhere(&mutex));
-    EXPECT_EQ(WaitersOf(&condition), 0u);
-    EXPECT_EQ(ConditionTimedWait(&condition, &mutex, 0), 0);
-    EXPECT_TRUE(LockedElsewhere(&mutex));
-    MutexUnlock(&mutex);
     EXPECT_FALSE(LockedElsewhere(&mutex));
-}
-
-TEST_F(ConditionTest, SignalWithNobodyWaitingIsLost) {
-    ConditionSignal(&condition);
-    ConditionSignal(&condition);
-    MutexLock(&mutex);
-    EXPECT_EQ(ConditionTimedWait(&condition, &mutex, 20), 0);
-    MutexUnlock(&mutex);
-}
-
-TEST_F(ConditionTest, BroadcastWithNobodyWaitingReturnsAndLeavesNothingBehind) {
-    MutexLock(&mutex);
-    ConditionBroadcast(&condition);
-    EXPECT_EQ(condition.broadcasting, 0u);
-    EXPECT_EQ(ConditionTimedWait(&condition, &mutex, 20), 0);
-    MutexUnlock(&mutex);
 }
 
 TEST_F(ConditionTest, BroadcastReturnsOnlyWhenEveryWaiterHasWoken) {
     constexpr int kWaiters = 6;
     for (int round = 0; round < 5; round++) {
-        int arrived = 0;
-        int woken = 0;
+        int arrived = 0, woken = 0;
         bool go = false;
         std::vector<std::thread> waiters;
         for (int i = 0; i < kWaiters; i++) {
@@ -146,55 +132,31 @@ TEST_F(ConditionTest, BroadcastReturnsOnlyWhenEveryWaiterHasWoken) {
     }
 }
 
-// Producers and consumers on a static condition and mutex, all starting at
-// once so that they race on making both.
+// Threads that pass a turn around on a static condition and mutex, all
+// starting at once so that they race on making both.
 TEST(ConditionStaticTest, StaticInitialValueWorksFromRacingThreads) {
     static Mutex mutex = MUTEX_INITIALIZER;
     static Condition condition = CONDITION_INITIALIZER;
-    constexpr int kProducers = 3;
-    constexpr int kConsumers = 3;
-    constexpr int kItems = 2000;
-    int queued = 0;
-    int consumed = 0;
-    int finishedProducers = 0;
+    constexpr int kThreads = 4, kRounds = 500;
+    int turn = 0;
     std::atomic<bool> go{false};
     std::vector<std::thread> threads;
-    for (int i = 0; i < kConsumers; i++) {
-        threads.emplace_back([&] {
+    for (int me = 0; me < kThreads; me++) {
+        threads.emplace_back([&, me] {
             while (!go) {
             }
             MutexLock(&mutex);
-            for (;;) {
-                while (queued == 0 && finishedProducers < kProducers) {
-                    ConditionTimedWait(&condition, &mutex, QK_INFINITE);
-                }
-                if (queued == 0) break;
-                queued--;
-                consumed++;
+            for (int k = 0; k < kRounds; k++) {
+                while (turn % kThreads != me) ConditionTimedWait(&condition, &mutex, QK_INFINITE);
+                turn++;
+                ConditionBroadcast(&condition);
             }
-            MutexUnlock(&mutex);
-        });
-    }
-    for (int i = 0; i < kProducers; i++) {
-        threads.emplace_back([&] {
-            while (!go) {
-            }
-            for (int k = 0; k < kItems; k++) {
-                MutexLock(&mutex);
-                queued++;
-                ConditionSignal(&condition);
-                MutexUnlock(&mutex);
-            }
-            MutexLock(&mutex);
-            finishedProducers++;
-            ConditionBroadcast(&condition);
             MutexUnlock(&mutex);
         });
     }
     go = true;
     for (auto &thread : threads) thread.join();
-    EXPECT_EQ(consumed, kProducers * kItems);
-    EXPECT_EQ(queued, 0);
+    EXPECT_EQ(turn, kThreads * kRounds);
     EXPECT_EQ(condition.waiters, 0u);
     EXPECT_EQ(condition.broadcasting, 0u);
 }

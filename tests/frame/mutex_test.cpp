@@ -25,10 +25,13 @@ bool LockedElsewhere(Mutex *mutex) {
     return busy;
 }
 
+// Threads racing on the first use of a static mutex agree on one lock. The
+// explicitly made RecursiveMutex excludes them as well, entered twice.
 TEST(MutexTest, ThreadsRacingOnFirstUseAgreeOnOneLock) {
-    constexpr int kThreads = 8;
-    constexpr int kRounds = 20;
-    constexpr int kIncrements = 500;
+    constexpr int kThreads = 8, kRounds = 20, kIncrements = 500;
+    RecursiveMutex recursive;
+    RecursiveMutexInit(&recursive);
+    long recursiveCounter = 0;
     for (int round = 0; round < kRounds; round++) {
         Mutex mutex = MUTEX_INITIALIZER;
         std::atomic<int> ready{0};
@@ -48,6 +51,12 @@ TEST(MutexTest, ThreadsRacingOnFirstUseAgreeOnOneLock) {
                     MutexLock(&mutex);
                     counter++;
                     MutexUnlock(&mutex);
+                    RecursiveMutexLock(&recursive);
+                    RecursiveMutexLock(&recursive);
+                    recursiveCounter++;
+                    RecursiveMutexUnlock(&recursive);
+                    recursiveCounter++;
+                    RecursiveMutexUnlock(&recursive);
                 }
             });
         }
@@ -61,62 +70,29 @@ TEST(MutexTest, ThreadsRacingOnFirstUseAgreeOnOneLock) {
         MutexDestroy(&mutex);
         EXPECT_EQ(mutex, MUTEX_INVALID);
     }
+    EXPECT_EQ(recursiveCounter, 2L * kRounds * kThreads * kIncrements);
+    RecursiveMutexDestroy(&recursive);
+    EXPECT_EQ(recursive, nullptr);
 }
 
-TEST(MutexTest, OneThreadMayEnterRecursively) {
-    static Mutex mutex = MUTEX_INITIALIZER;
-    MutexLock(&mutex);
-    MutexLock(&mutex);
-    MutexLock(&mutex);
-    EXPECT_TRUE(LockedElsewhere(&mutex));
-    MutexUnlock(&mutex);
-    MutexUnlock(&mutex);
-    EXPECT_TRUE(LockedElsewhere(&mutex));
-    MutexUnlock(&mutex);
-    EXPECT_FALSE(LockedElsewhere(&mutex));
-}
-
-TEST(MutexTest, DestroyedMutexIsMadeAgainOnNextLock) {
+// Recursive entry, then destruction: a destroyed mutex is made again by the
+// next lock.
+TEST(MutexTest, RecursiveEntryAndRemakingAfterDestroy) {
     Mutex mutex;
     MutexInit(&mutex);
-    ASSERT_NE(mutex, MUTEX_INVALID);
-    MutexLock(&mutex);
-    EXPECT_TRUE(LockedElsewhere(&mutex));
-    MutexUnlock(&mutex);
-    MutexDestroy(&mutex);
-    EXPECT_EQ(mutex, MUTEX_INVALID);
+    for (int life = 0; life < 2; life++) {
+        MutexLock(&mutex);
+        MutexLock(&mutex);
+        EXPECT_NE(mutex, MUTEX_INVALID);
+        MutexUnlock(&mutex);
+        EXPECT_TRUE(LockedElsewhere(&mutex));
+        MutexUnlock(&mutex);
+        EXPECT_FALSE(LockedElsewhere(&mutex));
+        MutexDestroy(&mutex);
+        EXPECT_EQ(mutex, MUTEX_INVALID);
+    }
     MutexDestroy(&mutex);  // a second destroy finds nothing to do
     EXPECT_EQ(mutex, MUTEX_INVALID);
-    MutexLock(&mutex);
-    EXPECT_NE(mutex, MUTEX_INVALID);
-    EXPECT_TRUE(LockedElsewhere(&mutex));
-    MutexUnlock(&mutex);
-    MutexDestroy(&mutex);
-}
-
-TEST(MutexTest, RecursiveMutexExcludesOtherThreads) {
-    RecursiveMutex mutex;
-    RecursiveMutexInit(&mutex);
-    constexpr int kThreads = 4;
-    constexpr int kIncrements = 2000;
-    long counter = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; i++) {
-        threads.emplace_back([&] {
-            for (int k = 0; k < kIncrements; k++) {
-                RecursiveMutexLock(&mutex);
-                RecursiveMutexLock(&mutex);
-                counter++;
-                RecursiveMutexUnlock(&mutex);
-                counter++;
-                RecursiveMutexUnlock(&mutex);
-            }
-        });
-    }
-    for (auto &thread : threads) thread.join();
-    EXPECT_EQ(counter, 2L * kThreads * kIncrements);
-    RecursiveMutexDestroy(&mutex);
-    EXPECT_EQ(mutex, nullptr);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "qk/qkcommon.h"
@@ -12,8 +11,7 @@
 namespace {
 
 struct Item {
-    int uses;
-    char payload[60];
+    char payload[64];
 };
 
 struct Event {
@@ -23,13 +21,11 @@ struct Event {
     bool operator==(const Event &) const = default;
 };
 
-std::vector<Event> gEvents;
+using Events = std::vector<Event>;
+Events gEvents;
 
 void RecordingCB(int operation, void *item, void *argument) {
     gEvents.push_back({operation, item, argument});
-    auto *it = (Item *)item;
-    if (operation == POOL_NEW) it->uses = 0;
-    if (operation == POOL_NEW || operation == POOL_REUSE) it->uses++;
 }
 
 class PoolTest : public ::testing::Test {
@@ -40,11 +36,10 @@ class PoolTest : public ::testing::Test {
     }
 };
 
-TEST_F(PoolTest, CallbackOperationsInOrder) {
-    static Pool pool = POOL_INITIALIZER(RecordingCB);
+TEST_F(PoolTest, CallbackOperationsReuseAndCompaction) {
+    Pool pool = POOL_INITIALIZER(RecordingCB);
     int arg1 = 0, arg2 = 0;
     Item *a = PoolAcquire(pool, &arg1, Item, -1);
-    EXPECT_EQ(pool.t.count, 1u);
     Item *b = PoolAcquire(pool, &arg2, Item, -1);
     EXPECT_NE(a, b);
     EXPECT_EQ(pool.t.count, 2u);
@@ -52,67 +47,40 @@ TEST_F(PoolTest, CallbackOperationsInOrder) {
     EXPECT_EQ(pool.t.count, 1u);
     Item *c = PoolAcquire(pool, &arg1, Item, -1);
     EXPECT_EQ(c, a);  // the item at rest is reused
-    EXPECT_EQ(c->uses, 2);
     PoolRelease(pool, c, &arg1);
     PoolRelease(pool, b, &arg1);
     EXPECT_EQ(pool.t.count, 0u);
     // The last one released is the first taken again.
-    Item *d = PoolAcquire(pool, &arg2, Item, -1);
-    EXPECT_EQ(d, b);
-    PoolRelease(pool, d, &arg2);
+    EXPECT_EQ(PoolAcquire(pool, &arg2, Item, -1), b);
+    EXPECT_EQ(gEvents, (Events{{POOL_NEW, a, &arg1},
+                               {POOL_NEW, b, &arg2},
+                               {POOL_RELEASE, a, &arg2},
+                               {POOL_REUSE, a, &arg1},
+                               {POOL_RELEASE, a, &arg1},
+                               {POOL_RELEASE, b, &arg1},
+                               {POOL_REUSE, b, &arg2}}));
 
-    std::vector<Event> expected = {
-        {POOL_NEW, a, &arg1},   {POOL_NEW, b, &arg2},     {POOL_RELEASE, a, &arg2},
-        {POOL_REUSE, a, &arg1}, {POOL_RELEASE, a, &arg1}, {POOL_RELEASE, b, &arg1},
-        {POOL_REUSE, b, &arg2}, {POOL_RELEASE, b, &arg2},
-    };
-    EXPECT_EQ(gEvents, expected);
-
+    // Compaction deletes the items at rest and keeps the count of those out.
     gEvents.clear();
-    PoolFree(pool, &arg1);
+    PoolCompact(pool, &arg1);
+    EXPECT_EQ(gEvents, (Events{{POOL_DELETE, a, &arg1}}));
+    EXPECT_EQ(pool.free.length, 0u);
+    EXPECT_EQ(pool.t.count, 1u);
+    gEvents.clear();
+    Item *fresh = PoolAcquire(pool, &arg2, Item, -1);
+    EXPECT_EQ(gEvents, (Events{{POOL_NEW, fresh, &arg2}}));
+    EXPECT_EQ(pool.t.count, 2u);
+    PoolRelease(pool, b, nullptr);
+    PoolRelease(pool, fresh, nullptr);
+
     // Items at rest are deleted from the first on the free list.
-    std::vector<Event> deleted = {{POOL_DELETE, a, &arg1}, {POOL_DELETE, b, &arg1}};
-    EXPECT_EQ(gEvents, deleted);
+    gEvents.clear();
+    PoolFree(pool, &arg2);
+    EXPECT_EQ(gEvents, (Events{{POOL_DELETE, b, &arg2}, {POOL_DELETE, fresh, &arg2}}));
     EXPECT_EQ(pool.free.data, nullptr);
     EXPECT_EQ(pool.free.capacity, 0u);
     EXPECT_EQ(pool.t.mutex, MUTEX_INVALID);
-}
-
-TEST_F(PoolTest, CompactFreesItemsAtRestAndKeepsTheCount) {
-    Pool pool = POOL_INITIALIZER(RecordingCB);
-    Item *items[3];
-    for (auto &item : items) item = PoolAcquire(pool, nullptr, Item, -1);
-    PoolRelease(pool, items[2], nullptr);
-    PoolRelease(pool, items[0], nullptr);
-    gEvents.clear();
-
-    PoolCompact(pool, nullptr);
-    std::vector<Event> deleted = {{POOL_DELETE, items[2], nullptr},
-                                  {POOL_DELETE, items[0], nullptr}};
-    EXPECT_EQ(gEvents, deleted);
-    EXPECT_EQ(pool.free.length, 0u);
-    EXPECT_EQ(pool.t.count, 1u);  // items[1] is still out
-
-    gEvents.clear();
-    Item *fresh = PoolAcquire(pool, nullptr, Item, -1);
-    ASSERT_EQ(gEvents.size(), 1u);
-    EXPECT_EQ(gEvents[0].operation, POOL_NEW);
-    EXPECT_EQ(pool.t.count, 2u);
-    PoolRelease(pool, fresh, nullptr);
-    PoolRelease(pool, items[1], nullptr);
-    PoolFree(pool, nullptr);
     // PoolFree leaves the condition alone; a pool on the stack destroys it.
-    ConditionDestroy(&pool.t.condition);
-}
-
-TEST_F(PoolTest, PoolWithoutCallback) {
-    Pool pool = POOL_INITIALIZER(nullptr);
-    void *a = PoolAcquire_(&pool, nullptr, 32, __FILE__, __LINE__, 2);
-    void *b = PoolAcquire_(&pool, nullptr, 32, __FILE__, __LINE__, 2);
-    PoolRelease_(&pool, a, nullptr);
-    PoolRelease_(&pool, b, nullptr);
-    EXPECT_EQ(pool.free.length, 2u);
-    PoolFree_(&pool, nullptr);
     ConditionDestroy(&pool.t.condition);
 }
 
@@ -137,12 +105,11 @@ void AwaitWaiters(Pool *pool, UInt waiters) {
 
 TEST_F(PoolTest, LimitOneBlocksASecondThreadUntilRelease) {
     static Pool pool = POOL_INITIALIZER(nullptr);
-    void *first = PoolAcquire_(&pool, nullptr, 64, __FILE__, __LINE__, 1);
-    std::atomic<bool> released{false};
-    std::atomic<bool> releasedBeforeAcquire{false};
-    void *second = nullptr;
+    Item *first = PoolAcquire(pool, nullptr, Item, 1);
+    std::atomic<bool> released{false}, releasedBeforeAcquire{false};
+    Item *second = nullptr;
     std::thread other([&] {
-        second = PoolAcquire_(&pool, nullptr, 64, __FILE__, __LINE__, 1);
+        second = PoolAcquire(pool, nullptr, Item, 1);
         releasedBeforeAcquire = released.load();
     });
     // The other thread waits on the pool's condition: only the limit puts it
@@ -150,44 +117,39 @@ TEST_F(PoolTest, LimitOneBlocksASecondThreadUntilRelease) {
     AwaitWaiters(&pool, 1);
     EXPECT_EQ(pool.t.count, 1u);
     released = true;
-    PoolRelease_(&pool, first, nullptr);
+    PoolRelease(pool, first, nullptr);
     other.join();
     EXPECT_TRUE(releasedBeforeAcquire);
     EXPECT_EQ(second, first);
     EXPECT_EQ(pool.t.count, 1u);
-    PoolRelease_(&pool, second, nullptr);
-    PoolFree_(&pool, nullptr);
+    PoolRelease(pool, second, nullptr);
+    PoolFree(pool, nullptr);
 }
-
-std::atomic<int> gOut{0};
-std::atomic<int> gMaxOut{0};
 
 TEST_F(PoolTest, ThreadsNeverHoldMoreThanTheLimit) {
     static Pool pool = POOL_INITIALIZER(nullptr);
     const int limit = 2;
-    gOut = 0;
-    gMaxOut = 0;
+    std::atomic<int> out{0}, maxOut{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; t++) {
         threads.emplace_back([&] {
             for (int i = 0; i < 2000; i++) {
-                auto *item =
-                    (int *)PoolAcquire_(&pool, nullptr, sizeof(int), __FILE__, __LINE__, limit);
-                int out = ++gOut;
-                int seen = gMaxOut.load();
-                while (out > seen && !gMaxOut.compare_exchange_weak(seen, out)) {
+                int *item = PoolAcquire(pool, nullptr, int, limit);
+                int now = ++out;
+                int seen = maxOut.load();
+                while (now > seen && !maxOut.compare_exchange_weak(seen, now)) {
                 }
                 *item = i;  // the item is ours alone
-                --gOut;
-                PoolRelease_(&pool, item, nullptr);
+                --out;
+                PoolRelease(pool, item, nullptr);
             }
         });
     }
     for (auto &thread : threads) thread.join();
-    EXPECT_LE(gMaxOut.load(), limit);
+    EXPECT_LE(maxOut.load(), limit);
     EXPECT_EQ(pool.t.count, 0u);
     EXPECT_LE(pool.free.length, (UInt)limit);
-    PoolFree_(&pool, nullptr);
+    PoolFree(pool, nullptr);
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "qk/qkcommon.h"
@@ -35,16 +37,27 @@ auto Under(Lock *lock, Reader read) {
     return value;
 }
 
-UInt WaitersOf(Condition *condition) {
-    MutexLock(&condition->lock);
-    UInt waiters = condition->waiters;
-    MutexUnlock(&condition->lock);
-    return waiters;
+// True once `waiters` threads sleep on `condition`.
+auto Waiting(Condition *condition, UInt waiters = 1) {
+    return [=] { return Under(condition, [](Condition *c) { return c->waiters; }) == waiters; };
 }
 
-// The order in which threads got somewhere.
+// The order in which threads got into a lock.
 class Trace {
   public:
+    // A thread that takes `lock` with `acquire`, notes `step` and lets go.
+    template <class Lock>
+    std::thread Visitor(Lock *lock, void (*acquire)(Lock *), char step) {
+        return std::thread([=, this] {
+            acquire(lock);
+            Add(step);
+            if constexpr (std::is_same_v<Lock, RWLock>) {
+                RWLockRelease(lock);
+            } else {
+                RWULockRelease(lock);
+            }
+        });
+    }
     void Add(char step) {
         std::lock_guard<std::mutex> guard(mutex_);
         steps_ += step;
@@ -59,71 +72,95 @@ class Trace {
     std::string steps_;
 };
 
+// Who is inside a lock under load, and how often the rules were broken.
+struct Occupancy {
+    std::atomic<int> readers{0}, writers{0}, violations{0};
+    std::atomic<long> written{0};
+
+    void Read() {
+        readers++;
+        if (writers != 0) violations++;
+        readers--;
+    }
+    void Write() {
+        if (writers++ != 0 || readers != 0) violations++;
+        written++;
+        writers--;
+    }
+};
+
+// Runs `body(random)` in six threads that start at once.
+template <class Body>
+void RunAtOnce(Body body) {
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 6; i++) {
+        threads.emplace_back([&, i] {
+            std::minstd_rand random(i + 1);
+            while (!go) {
+            }
+            body(random);
+        });
+    }
+    go = true;
+    for (auto &thread : threads) thread.join();
+}
+
+// A fresh lock of each kind for every test.
 class RWLockTest : public ::testing::Test {
   protected:
     void SetUp() override {
         QKLibInit("rwlocktest");
         RWLockInit(&lock);
+        RWULockInit(&ulock);
     }
-    void TearDown() override { RWLockDestroy(&lock); }
-
-    Int State() {
-        return Under(&lock, [](RWLock *l) { return l->state; });
-    }
-    UInt WritersWaiting() {
-        return Under(&lock, [](RWLock *l) { return l->writersWaiting; });
+    void TearDown() override {
+        RWLockDestroy(&lock);
+        RWULockDestroy(&ulock);
     }
 
     RWLock lock;
+    RWULock ulock;
 };
 
-TEST_F(RWLockTest, ReadersShareTheLock) {
-    RWLockAcquireRead(&lock);
-    std::thread other([&] { RWLockAcquireRead(&lock); });
-    other.join();
-    EXPECT_EQ(State(), 2);
-    RWLockRelease(&lock);
-    RWLockRelease(&lock);
-    EXPECT_EQ(State(), 0);
-    RWLockAcquireWrite(&lock);
-    EXPECT_EQ(State(), -1);
-    RWLockRelease(&lock);
-    EXPECT_EQ(State(), 0);
+// The counters of a lock, read under its mutex: the state and the writers
+// waiting, and for the upgradable lock also `upgradable`.
+std::tuple<Int, UInt> Counters(RWLock *lock) {
+    return Under(lock, [](RWLock *l) { return std::tuple(l->state, l->writersWaiting); });
+}
+std::tuple<Int, UInt, Int> Counters(RWULock *lock) {
+    return Under(lock,
+                 [](RWULock *l) { return std::tuple(l->state, l->writersWaiting, l->upgradable); });
+}
+Int State(RWULock *lock) {
+    return std::get<0>(Counters(lock));
 }
 
 TEST_F(RWLockTest, ReaderStandsBackForAWaitingWriterEvenWhileReadersHoldIt) {
     Trace trace;
     RWLockAcquireRead(&lock);
-    std::thread writer([&] {
-        RWLockAcquireWrite(&lock);
-        trace.Add('W');
-        RWLockRelease(&lock);
-    });
-    ASSERT_TRUE(WaitFor([&] { return WritersWaiting() == 1; }));
-    std::thread reader([&] {
-        RWLockAcquireRead(&lock);
-        trace.Add('R');
-        RWLockRelease(&lock);
-    });
-    ASSERT_TRUE(WaitFor([&] { return WaitersOf(&lock.readers) == 1; }));
-    EXPECT_EQ(State(), 1);
+    std::thread([&] { RWLockAcquireRead(&lock); }).join();  // readers share
+    EXPECT_EQ(Counters(&lock), std::tuple(2, 0u));
+    RWLockRelease(&lock);
+    std::thread writer = trace.Visitor(&lock, RWLockAcquireWrite, 'W');
+    ASSERT_TRUE(WaitFor([&] { return Counters(&lock) == std::tuple(1, 1u); }));
+    std::thread reader = trace.Visitor(&lock, RWLockAcquireRead, 'R');
+    ASSERT_TRUE(WaitFor(Waiting(&lock.readers)));
     EXPECT_EQ(trace.Steps(), "");
     RWLockRelease(&lock);
     writer.join();
     reader.join();
     EXPECT_EQ(trace.Steps(), "WR");
-    EXPECT_EQ(State(), 0);
-    EXPECT_EQ(WritersWaiting(), 0u);
+    EXPECT_EQ(Counters(&lock), std::tuple(0, 0u));
 }
 
-TEST_F(RWLockTest, TimeoutsLeaveTheCountersRight) {
+TEST_F(RWLockTest, TimeoutsLeaveTheCountersRightAndLetReadersIn) {
     RWLockAcquireWrite(&lock);
     std::thread([&] {
         EXPECT_EQ(RWLockAcquireReadTimeout(&lock, 20), 0);
         EXPECT_EQ(RWLockAcquireWriteTimeout(&lock, 20), 0);
     }).join();
-    EXPECT_EQ(State(), -1);
-    EXPECT_EQ(WritersWaiting(), 0u);
+    EXPECT_EQ(Counters(&lock), std::tuple(-1, 0u));
     RWLockRelease(&lock);
 
     RWLockAcquireRead(&lock);
@@ -132,38 +169,25 @@ TEST_F(RWLockTest, TimeoutsLeaveTheCountersRight) {
         EXPECT_EQ(RWLockAcquireReadTimeout(&lock, 20), 1);
         RWLockRelease(&lock);
     }).join();
-    EXPECT_EQ(State(), 1);
-    EXPECT_EQ(WritersWaiting(), 0u);
+    EXPECT_EQ(Counters(&lock), std::tuple(1, 0u));
     RWLockRelease(&lock);
 
     EXPECT_EQ(RWLockAcquireWriteTimeout(&lock, 20), 1);
-    EXPECT_EQ(State(), -1);
+    EXPECT_EQ(Counters(&lock), std::tuple(-1, 0u));
     RWLockRelease(&lock);
     EXPECT_EQ(RWLockAcquireReadTimeout(&lock, QK_INFINITE), 1);
-    RWLockRelease(&lock);
-}
 
-TEST_F(RWLockTest, ReaderHeldBackByAWriterThatGivesUpComesIn) {
-    RWLockAcquireRead(&lock);
-    std::atomic<bool> readerIn{false};
+    // A reader held back by a writer that gives up comes in.
+    Trace trace;
     std::thread writer([&] { EXPECT_EQ(RWLockAcquireWriteTimeout(&lock, 1000), 0); });
-    ASSERT_TRUE(WaitFor([&] { return WritersWaiting() == 1; }));
-    std::thread reader([&] {
-        RWLockAcquireRead(&lock);
-        readerIn = true;
-        RWLockRelease(&lock);
-    });
+    ASSERT_TRUE(WaitFor([&] { return Counters(&lock) == std::tuple(1, 1u); }));
+    std::thread reader = trace.Visitor(&lock, RWLockAcquireRead, 'R');
     writer.join();
     // The first reader still holds the lock: the second must get in anyway.
-    bool in = WaitFor([&] { return readerIn.load(); });
-    EXPECT_TRUE(in);
-    if (!in) {
-        RWLockRelease(&lock);
-        RWLockAcquireWrite(&lock);
-    }
-    reader.join();
+    EXPECT_TRUE(WaitFor([&] { return trace.Steps() == "R"; }));
     RWLockRelease(&lock);
-    EXPECT_EQ(State(), 0);
+    reader.join();
+    EXPECT_EQ(Counters(&lock), std::tuple(0, 0u));
 }
 
 TEST(RWLockDeathTest, ReleaseOfAFreeLockIsAnAssertion) {
@@ -172,225 +196,123 @@ TEST(RWLockDeathTest, ReleaseOfAFreeLockIsAnAssertion) {
     EXPECT_DEATH(RWLockRelease(&lock), "'lock->state > 0' failed");
 }
 
-TEST(RWLockStaticTest, ReadersAndWritersExcludeEachOther) {
-    static RWLock lock = RWLOCK_INITIALIZER;
-    constexpr int kThreads = 6;
-    constexpr int kIterations = 1500;
-    std::atomic<int> readersInside{0};
-    std::atomic<int> writersInside{0};
-    std::atomic<int> violations{0};
-    std::atomic<bool> go{false};
-    long written = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; i++) {
-        threads.emplace_back([&, i] {
-            std::minstd_rand random(i + 1);
-            while (!go) {
-            }
-            for (int k = 0; k < kIterations; k++) {
-                if (random() % 4 == 0) {
-                    if (random() % 2) {
-                        RWLockAcquireWrite(&lock);
-                    } else if (!RWLockAcquireWriteTimeout(&lock, 1)) {
-                        continue;
-                    }
-                    if (writersInside++ != 0 || readersInside != 0) violations++;
-                    written++;
-                    writersInside--;
-                } else {
-                    if (random() % 2) {
-                        RWLockAcquireRead(&lock);
-                    } else if (!RWLockAcquireReadTimeout(&lock, 1)) {
-                        continue;
-                    }
-                    readersInside++;
-                    if (writersInside != 0) violations++;
-                    readersInside--;
-                }
-                RWLockRelease(&lock);
-            }
-        });
-    }
-    go = true;
-    for (auto &thread : threads) thread.join();
-    EXPECT_EQ(violations, 0);
-    EXPECT_GT(written, 0);
-    EXPECT_EQ(lock.state, 0);
-    EXPECT_EQ(lock.writersWaiting, 0u);
-}
-
 // ---- Upgradable lock ----
 
-class RWULockTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        QKLibInit("rwlocktest");
-        RWULockInit(&lock);
-    }
-    void TearDown() override { RWULockDestroy(&lock); }
-
-    Int State() {
-        return Under(&lock, [](RWULock *l) { return l->state; });
-    }
-    Int Upgradable() {
-        return Under(&lock, [](RWULock *l) { return l->upgradable; });
-    }
-
-    RWULock lock;
-};
-
-TEST_F(RWULockTest, SecondUpgradableWaitsWhilePlainReadersPass) {
+TEST_F(RWLockTest, SecondUpgradableWaitsWhilePlainReadersPass) {
     Trace trace;
-    RWULockAcquireUpgradable(&lock);
-    EXPECT_EQ(Upgradable(), 1);
-    EXPECT_EQ(lock.upgradableThread, ThreadId());
-    std::thread second([&] {
-        RWULockAcquireUpgradable(&lock);
-        trace.Add('U');
-        RWULockRelease(&lock);
-    });
-    ASSERT_TRUE(WaitFor([&] { return WaitersOf(&lock.upgraders) == 1; }));
-    std::thread reader([&] {
-        RWULockAcquireRead(&lock);
-        trace.Add('R');
-        RWULockRelease(&lock);
-    });
-    reader.join();
+    RWULockAcquireUpgradable(&ulock);
+    EXPECT_EQ(Counters(&ulock), std::tuple(1, 0u, 1));
+    EXPECT_EQ(ulock.upgradableThread, ThreadId());
+    std::thread second = trace.Visitor(&ulock, RWULockAcquireUpgradable, 'U');
+    ASSERT_TRUE(WaitFor(Waiting(&ulock.upgraders)));
+    trace.Visitor(&ulock, RWULockAcquireRead, 'R').join();
     EXPECT_EQ(trace.Steps(), "R");
-    EXPECT_EQ(State(), 1);
-    RWULockRelease(&lock);
+    EXPECT_EQ(State(&ulock), 1);
+    RWULockRelease(&ulock);
     second.join();
     EXPECT_EQ(trace.Steps(), "RU");
-    EXPECT_EQ(State(), 0);
-    EXPECT_EQ(Upgradable(), 0);
+    EXPECT_EQ(Counters(&ulock), std::tuple(0, 0u, 0));
 }
 
-TEST_F(RWULockTest, UpgradeWaitsForTheOtherReaders) {
+TEST_F(RWLockTest, UpgradeWaitsForTheOtherReaders) {
     Trace trace;
-    RWULockAcquireRead(&lock);
+    RWULockAcquireRead(&ulock);
     std::atomic<Int> stateAfterUpgrade{0};
     std::thread upgrader([&] {
-        RWULockAcquireUpgradable(&lock);
+        RWULockAcquireUpgradable(&ulock);
         trace.Add('u');
-        RWULockUpgrade(&lock);
-        stateAfterUpgrade = lock.state;
+        RWULockUpgrade(&ulock);
+        stateAfterUpgrade = ulock.state;
         trace.Add('W');
-        RWULockRelease(&lock);
+        RWULockRelease(&ulock);
     });
-    ASSERT_TRUE(WaitFor([&] { return WaitersOf(&lock.upgrader) == 1; }));
-    EXPECT_EQ(Upgradable(), -1);
-    EXPECT_EQ(State(), 2);
+    ASSERT_TRUE(WaitFor(Waiting(&ulock.upgrader)));
+    EXPECT_EQ(Counters(&ulock), std::tuple(2, 1u, -1));
     // The upgrade in waiting keeps new readers out.
-    std::thread reader([&] {
-        RWULockAcquireRead(&lock);
-        trace.Add('R');
-        RWULockRelease(&lock);
-    });
-    ASSERT_TRUE(WaitFor([&] { return WaitersOf(&lock.readers) == 1; }));
+    std::thread reader = trace.Visitor(&ulock, RWULockAcquireRead, 'R');
+    ASSERT_TRUE(WaitFor(Waiting(&ulock.readers)));
     EXPECT_EQ(trace.Steps(), "u");
-    RWULockRelease(&lock);
+    RWULockRelease(&ulock);
     upgrader.join();
     reader.join();
     EXPECT_EQ(trace.Steps(), "uWR");
     EXPECT_EQ(stateAfterUpgrade, -1);
-    EXPECT_EQ(State(), 0);
-    EXPECT_EQ(Upgradable(), 0);
-    EXPECT_EQ(lock.writersWaiting, 0u);
+    EXPECT_EQ(Counters(&ulock), std::tuple(0, 0u, 0));
 }
 
-TEST_F(RWULockTest, DowngradeLetsReadersInAndKeepsTheUpgradeRight) {
+TEST_F(RWLockTest, DowngradeLetsReadersInAndKeepsTheUpgradeRight) {
     Trace trace;
-    RWULockAcquireWrite(&lock);
-    std::thread reader([&] {
-        RWULockAcquireRead(&lock);
-        trace.Add('R');
-        RWULockRelease(&lock);
-    });
-    ASSERT_TRUE(WaitFor([&] { return WaitersOf(&lock.readers) == 1; }));
-    RWULockDowngrade(&lock);
+    RWULockAcquireWrite(&ulock);
+    std::thread reader = trace.Visitor(&ulock, RWULockAcquireRead, 'R');
+    ASSERT_TRUE(WaitFor(Waiting(&ulock.readers)));
+    RWULockDowngrade(&ulock);
     reader.join();
     EXPECT_EQ(trace.Steps(), "R");
-    EXPECT_EQ(State(), 1);
-    EXPECT_EQ(Upgradable(), 1);
-    std::thread second([&] {
-        RWULockAcquireUpgradable(&lock);
-        trace.Add('U');
-        RWULockRelease(&lock);
-    });
-    ASSERT_TRUE(WaitFor([&] { return WaitersOf(&lock.upgraders) == 1; }));
+    EXPECT_EQ(Counters(&ulock), std::tuple(1, 0u, 1));
+    std::thread second = trace.Visitor(&ulock, RWULockAcquireUpgradable, 'U');
+    ASSERT_TRUE(WaitFor(Waiting(&ulock.upgraders)));
     // The right to upgrade is still ours.
-    RWULockUpgrade(&lock);
-    EXPECT_EQ(State(), -1);
-    RWULockRelease(&lock);
+    RWULockUpgrade(&ulock);
+    EXPECT_EQ(State(&ulock), -1);
+    RWULockRelease(&ulock);
     second.join();
     EXPECT_EQ(trace.Steps(), "RU");
-    EXPECT_EQ(State(), 0);
+    EXPECT_EQ(State(&ulock), 0);
 }
 
-TEST(RWULockStaticTest, MixedUseKeepsTheRules) {
-    static RWULock lock = RWULOCK_INITIALIZER;
-    constexpr int kThreads = 6;
-    constexpr int kIterations = 1500;
-    std::atomic<int> readersInside{0};
-    std::atomic<int> writersInside{0};
-    std::atomic<int> upgradablesInside{0};
-    std::atomic<int> violations{0};
-    std::atomic<bool> go{false};
-    long written = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; i++) {
-        threads.emplace_back([&, i] {
-            std::minstd_rand random(i + 7);
-            while (!go) {
+// Both locks from their static initial values under mixed use by threads
+// that start at once.
+TEST(RWLockStaticTest, MixedUseKeepsTheRules) {
+    static RWLock lock = RWLOCK_INITIALIZER;
+    static RWULock ulock = RWULOCK_INITIALIZER;
+    Occupancy inside, uinside;
+    std::atomic<int> upgradables{0};
+    RunAtOnce([&](std::minstd_rand &random) {
+        for (int k = 0; k < 1500; k++) {
+            bool write = random() % 4 == 0;
+            if (random() % 2) {
+                write ? RWLockAcquireWrite(&lock) : RWLockAcquireRead(&lock);
+                write ? inside.Write() : inside.Read();
+                RWLockRelease(&lock);
+            } else if ((write ? RWLockAcquireWriteTimeout : RWLockAcquireReadTimeout)(&lock, 1)) {
+                write ? inside.Write() : inside.Read();
+                RWLockRelease(&lock);
             }
-            for (int k = 0; k < kIterations; k++) {
-                switch (random() % 6) {
-                    case 0:
-                        RWULockAcquireWrite(&lock);
-                        if (writersInside++ != 0 || readersInside != 0) violations++;
-                        written++;
-                        writersInside--;
-                        break;
-                    case 1:
-                    case 2:
-                        RWULockAcquireUpgradable(&lock);
-                        if (upgradablesInside++ != 0 || writersInside != 0) violations++;
-                        readersInside++;
+
+            switch (random() % 6) {
+                case 0:
+                    RWULockAcquireWrite(&ulock);
+                    uinside.Write();
+                    break;
+                case 1:
+                case 2:
+                    RWULockAcquireUpgradable(&ulock);
+                    if (upgradables++ != 0) uinside.violations++;
+                    uinside.Read();
+                    if (random() % 2) {
+                        RWULockUpgrade(&ulock);
+                        uinside.Write();
                         if (random() % 2) {
-                            readersInside--;
-                            RWULockUpgrade(&lock);
-                            if (writersInside++ != 0 || readersInside != 0) violations++;
-                            written++;
-                            writersInside--;
-                            if (random() % 2) {
-                                RWULockDowngrade(&lock);
-                                readersInside++;
-                                if (writersInside != 0) violations++;
-                                readersInside--;
-                            }
-                        } else {
-                            readersInside--;
+                            RWULockDowngrade(&ulock);
+                            uinside.Read();
                         }
-                        upgradablesInside--;
-                        break;
-                    default:
-                        RWULockAcquireRead(&lock);
-                        readersInside++;
-                        if (writersInside != 0) violations++;
-                        readersInside--;
-                        break;
-                }
-                RWULockRelease(&lock);
+                    }
+                    upgradables--;
+                    break;
+                default:
+                    RWULockAcquireRead(&ulock);
+                    uinside.Read();
+                    break;
             }
-        });
+            RWULockRelease(&ulock);
+        }
+    });
+    for (Occupancy *o : {&inside, &uinside}) {
+        EXPECT_EQ(o->violations, 0);
+        EXPECT_GT(o->written, 0);
     }
-    go = true;
-    for (auto &thread : threads) thread.join();
-    EXPECT_EQ(violations, 0);
-    EXPECT_GT(written, 0);
-    EXPECT_EQ(lock.state, 0);
-    EXPECT_EQ(lock.upgradable, 0);
-    EXPECT_EQ(lock.writersWaiting, 0u);
+    EXPECT_EQ(Counters(&lock), std::tuple(0, 0u));
+    EXPECT_EQ(Counters(&ulock), std::tuple(0, 0u, 0));
 }
 
 }  // namespace

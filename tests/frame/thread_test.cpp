@@ -9,8 +9,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "frame/internal.h"
@@ -29,21 +31,14 @@ bool WaitFor(Predicate done) {
     return true;
 }
 
-UInt SlotsInUse() {
+// The size of the results table and the number of its slots in use.
+struct Slots {
     UInt length, inUse;
-    qk::ThreadResultsStats(&length, &inUse);
-    return inUse;
-}
-
-UInt SlotsLength() {
-    UInt length, inUse;
-    qk::ThreadResultsStats(&length, &inUse);
-    return length;
-}
-
-bool TaskExists(int tid) {
-    struct stat info;
-    return stat(("/proc/self/task/" + std::to_string(tid)).c_str(), &info) == 0;
+};
+Slots SlotsNow() {
+    Slots slots;
+    qk::ThreadResultsStats(&slots.length, &slots.inUse);
+    return slots;
 }
 
 class ThreadTest : public ::testing::Test {
@@ -53,6 +48,10 @@ class ThreadTest : public ::testing::Test {
 
 UInt ReturnArgument(void *argument) {
     return (UInt)(uintptr_t)argument;
+}
+
+UInt Returned(UInt value) {
+    return ThreadJoin(ThreadCreate(ReturnArgument, (void *)(uintptr_t)value, 0));
 }
 
 // A thread held until its gate opens; it records its kernel id first.
@@ -69,7 +68,8 @@ UInt WaitAtGate(void *argument) {
     return gate->result;
 }
 
-TEST_F(ThreadTest, JoinGivesBackEachThreadsResult) {
+TEST_F(ThreadTest, JoinGivesBackEachResultAndFreesTheSlot) {
+    UInt inUse = SlotsNow().inUse;
     const UInt values[] = {0, 1, 42, 0x7FFFFFFF, 0x80000000u, 0xFFFFFFFEu, 0xFFFFFFFFu};
     std::vector<ThreadHandle> handles;
     for (UInt value : values) {
@@ -77,98 +77,80 @@ TEST_F(ThreadTest, JoinGivesBackEachThreadsResult) {
     }
     // Joined in reverse order of creation: each result stays with its thread.
     for (size_t i = handles.size(); i-- > 0;) EXPECT_EQ(ThreadJoin(handles[i]), values[i]);
-}
-
-TEST_F(ThreadTest, JoinedSlotsAreReused) {
-    UInt inUse = SlotsInUse();
-    ThreadJoin(ThreadCreate(ReturnArgument, nullptr, 0));
-    UInt length = SlotsLength();
-    for (UInt i = 0; i < 50; i++) {
-        EXPECT_EQ(ThreadJoin(ThreadCreate(ReturnArgument, (void *)(uintptr_t)i, 0)), i);
-    }
-    EXPECT_EQ(SlotsLength(), length);
-    EXPECT_EQ(SlotsInUse(), inUse);
+    UInt length = SlotsNow().length;
+    for (UInt i = 0; i < 50; i++) EXPECT_EQ(Returned(i), i);
+    EXPECT_EQ(SlotsNow().length, length);
+    EXPECT_EQ(SlotsNow().inUse, inUse);
 
     // With three threads alive, the slot freed by joining the middle one is
     // the one that the next creation takes.
     Gate gates[4];
-    ThreadHandle a = ThreadCreate(WaitAtGate, &gates[0], 0);
-    ThreadHandle b = ThreadCreate(WaitAtGate, &gates[1], 0);
-    ThreadHandle c = ThreadCreate(WaitAtGate, &gates[2], 0);
-    UInt grown = SlotsLength();
-    gates[1].result = 7;
+    ThreadHandle gated[4];
+    for (UInt i = 0; i < 4; i++) gates[i].result = 10 + i;
+    for (int i = 0; i < 3; i++) gated[i] = ThreadCreate(WaitAtGate, &gates[i], 0);
+    UInt grown = SlotsNow().length;
     gates[1].open = true;
-    EXPECT_EQ(ThreadJoin(b), 7u);
-    gates[3].result = 9;
-    ThreadHandle d = ThreadCreate(WaitAtGate, &gates[3], 0);
-    EXPECT_EQ(SlotsLength(), grown);
-    EXPECT_EQ(SlotsInUse(), inUse + 3);
-    gates[0].result = 5;
-    gates[2].result = 6;
-    gates[0].open = gates[2].open = gates[3].open = true;
-    EXPECT_EQ(ThreadJoin(c), 6u);
-    EXPECT_EQ(ThreadJoin(d), 9u);
-    EXPECT_EQ(ThreadJoin(a), 5u);
-    EXPECT_EQ(SlotsInUse(), inUse);
+    EXPECT_EQ(ThreadJoin(gated[1]), 11u);
+    gated[3] = ThreadCreate(WaitAtGate, &gates[3], 0);
+    EXPECT_EQ(SlotsNow().length, grown);
+    EXPECT_EQ(SlotsNow().inUse, inUse + 3);
+    for (Gate &gate : gates) gate.open = true;
+    for (UInt i : {2, 3, 0}) EXPECT_EQ(ThreadJoin(gated[i]), 10 + i);
+    EXPECT_EQ(SlotsNow().inUse, inUse);
 }
 
-TEST_F(ThreadTest, DetachBeforeTheEndFreesTheSlotAtTheEnd) {
-    UInt inUse = SlotsInUse();
-    Gate gate;
-    ThreadHandle t = ThreadCreate(WaitAtGate, &gate, 0);
-    EXPECT_EQ(SlotsInUse(), inUse + 1);
+// A slot is freed at the end of a thread detached before its end; nobody
+// frees the slot of a thread that ended before it was detached.
+TEST_F(ThreadTest, DetachFreesTheSlotOnlyBeforeTheEnd) {
+    UInt inUse = SlotsNow().inUse;
+    Gate running;
+    ThreadHandle t = ThreadCreate(WaitAtGate, &running, 0);
+    EXPECT_EQ(SlotsNow().inUse, inUse + 1);
     EXPECT_EQ(ThreadDetach(t), 1);
-    EXPECT_EQ(SlotsInUse(), inUse + 1);
-    gate.open = true;
-    EXPECT_TRUE(WaitFor([&] { return SlotsInUse() == inUse; }));
-    UInt length = SlotsLength();
-    EXPECT_EQ(ThreadJoin(ThreadCreate(ReturnArgument, (void *)3, 0)), 3u);
-    EXPECT_EQ(SlotsLength(), length);
-}
+    EXPECT_EQ(SlotsNow().inUse, inUse + 1);
+    running.open = true;
+    EXPECT_TRUE(WaitFor([&] { return SlotsNow().inUse == inUse; }));
+    UInt length = SlotsNow().length;
+    EXPECT_EQ(Returned(3), 3u);
+    EXPECT_EQ(SlotsNow().length, length);
 
-TEST_F(ThreadTest, DetachAfterTheEndKeepsTheSlot) {
-    UInt inUse = SlotsInUse();
-    Gate gate;
-    gate.open = true;
-    ThreadHandle t = ThreadCreate(WaitAtGate, &gate, 0);
-    ASSERT_TRUE(WaitFor([&] { return gate.tid != 0; }));
-    ASSERT_TRUE(WaitFor([&] { return !TaskExists(gate.tid); }));
+    Gate ended;
+    ended.open = true;
+    t = ThreadCreate(WaitAtGate, &ended, 0);
+    ASSERT_TRUE(WaitFor([&] { return ended.tid != 0; }));
+    struct stat info;
+    std::string task = "/proc/self/task/" + std::to_string(ended.tid);
+    ASSERT_TRUE(WaitFor([&] { return stat(task.c_str(), &info) != 0; }));
     EXPECT_EQ(ThreadDetach(t), 1);
-    // Nobody frees a slot whose thread ended before it was detached.
-    EXPECT_EQ(SlotsInUse(), inUse + 1);
-    EXPECT_EQ(ThreadJoin(ThreadCreate(ReturnArgument, (void *)4, 0)), 4u);
-    EXPECT_EQ(SlotsInUse(), inUse + 1);
+    EXPECT_EQ(SlotsNow().inUse, inUse + 1);
+    EXPECT_EQ(Returned(4), 4u);
+    EXPECT_EQ(SlotsNow().inUse, inUse + 1);
 }
 
 struct Observed {
     std::string name;
-    ULong id = 0;
-    int tid = 0;
     size_t stackSize = 0;
 };
 
 UInt Observe(void *argument) {
     auto *observed = static_cast<Observed *>(argument);
     observed->name = ThreadGetName();
-    observed->id = ThreadId();
-    observed->tid = (int)gettid();
     pthread_attr_t attributes;
     if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
         pthread_attr_getstacksize(&attributes, &observed->stackSize);
         pthread_attr_destroy(&attributes);
     }
-    return 0;
+    return (UInt)ThreadId();
 }
 
 TEST_F(ThreadTest, ThreadIsNamedAfterItsCreationSiteAndGetsItsStack) {
     Observed observed;
     const UInt stackSize = 3 * 1024 * 1024 + 1;
     int line = __LINE__ + 1;
-    ThreadJoin(ThreadCreate(Observe, &observed, stackSize));
+    UInt tid = ThreadJoin(ThreadCreate(Observe, &observed, stackSize));
     EXPECT_EQ(observed.name, std::string(__FILE__) + ":" + std::to_string(line));
     EXPECT_GE(observed.stackSize, stackSize);
-    EXPECT_EQ(observed.id, (ULong)observed.tid);
-    EXPECT_NE(observed.id, ThreadId());
+    EXPECT_NE(tid, (UInt)ThreadId());
     EXPECT_EQ(ThreadId(), (ULong)gettid());
 }
 
@@ -191,211 +173,159 @@ TEST_F(ThreadTest, SetPriorityMapsNiceThroughTheTable) {
         ThreadJoin(t);
         GTEST_SKIP() << "the test runs at a nice value other than 0";
     }
-    // A value not in the table is the normal priority.
-    EXPECT_EQ(ThreadSetPriority(t, 3), 1);
-    EXPECT_EQ(NiceOf(tid), 0);
-    EXPECT_EQ(ThreadSetPriority(t, 5), 1);
-    EXPECT_EQ(NiceOf(tid), 5);
-    EXPECT_EQ(ThreadSetPriority(t, 10), 1);
-    EXPECT_EQ(NiceOf(tid), 10);
-    EXPECT_EQ(ThreadSetPriority(t, 20), 1);
-    EXPECT_EQ(NiceOf(tid), 19);
-    // Back to normal needs the right to raise a priority.
-    if (ThreadSetPriority(t, 7) == 1) {
-        EXPECT_EQ(NiceOf(tid), 0);
-        EXPECT_EQ(ThreadSetPriority(t, -5), 1);
-        EXPECT_EQ(NiceOf(tid), -5);
-        EXPECT_EQ(ThreadSetPriority(t, -10), 1);
-        EXPECT_EQ(NiceOf(tid), -10);
-        EXPECT_EQ(ThreadSetPriority(t, -20), 1);
-        EXPECT_EQ(NiceOf(tid), -20);
-        EXPECT_EQ(ThreadSetPriority(t, -19), 1);
-        EXPECT_EQ(NiceOf(tid), 0);
-    } else {
-        EXPECT_EQ(errno, -1);
-        EXPECT_TRUE(QKGetLastError() == EACCES || QKGetLastError() == EPERM);
-        EXPECT_EQ(NiceOf(tid), 19);
+    // A value not in the table is the normal priority. Lowering needs no
+    // right; raising again does, and fails with the system's error without.
+    const int table[][2] = {{3, 0},   {5, 5},     {10, 10},   {20, 19}, {7, 0},
+                            {-5, -5}, {-10, -10}, {-20, -20}, {-19, 0}};
+    for (auto [nice, expected] : table) {
+        if (ThreadSetPriority(t, nice) != 1) {
+            EXPECT_EQ(errno, -1);
+            EXPECT_TRUE(QKGetLastError() == EACCES || QKGetLastError() == EPERM);
+            EXPECT_EQ(NiceOf(tid), 19) << nice;
+            break;
+        }
+        EXPECT_EQ(NiceOf(tid), expected) << nice;
     }
     gate.open = true;
     ThreadJoin(t);
 }
 
-UInt LowerOwnPriority(void *argument) {
-    *static_cast<int *>(argument) =
-        ThreadSetPriority(ThreadGetCurrent(), 10) == 1 ? NiceOf((int)gettid()) : -100;
-    return 0;
+UInt LowerOwnPriority(void *) {
+    return ThreadSetPriority(ThreadGetCurrent(), 10) == 1 ? NiceOf((int)gettid()) : 100;
 }
 
 TEST_F(ThreadTest, CurrentHandleWorksInItsThread) {
-    int nice = 0;
-    ThreadJoin(ThreadCreate(LowerOwnPriority, &nice, 0));
-    EXPECT_EQ(nice, 10);
-    // The handle of the calling thread cannot be given away.
+    EXPECT_EQ(ThreadJoin(ThreadCreate(LowerOwnPriority, nullptr, 0)), 10u);
+    // The handle of the calling thread cannot be given away nor joined.
     EXPECT_EQ(ThreadDetach(ThreadGetCurrent()), 0);
     EXPECT_EQ(errno, -1);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(ThreadJoin(ThreadGetCurrent()), "thread operation failed");
 }
 
+// What the creation hooks were called with.
 struct HookCall {
-    ThreadFunction function = nullptr;
-    void *argument = nullptr;
-    UInt stackSize = 0;
+    ThreadFunction function;
+    void *argument;
+    UInt stackSize;
     std::string file;
-    int line = 0;
-    int calls = 0;
+    int line;
+    bool operator==(const HookCall &) const = default;
 };
-HookCall hookCall;
-HookCall detachedHookCall;
+std::vector<HookCall> hookCalls;
 ThreadHandle const kHookHandle = reinterpret_cast<ThreadHandle>(0x1234);
 
 ThreadHandle CreateHook(ThreadFunction function, void *argument, UInt stackSize, const char *file,
                         int line) {
-    hookCall = {function, argument, stackSize, file, line, hookCall.calls + 1};
+    hookCalls.push_back({function, argument, stackSize, file, line});
     return kHookHandle;
 }
 
 void CreateDetachedHook(ThreadFunction function, void *argument, UInt stackSize, const char *file,
                         int line) {
-    detachedHookCall = {function, argument, stackSize, file, line, detachedHookCall.calls + 1};
+    CreateHook(function, argument, stackSize, file, line);
 }
 
 TEST_F(ThreadTest, HooksTakeOverCreation) {
     int marker = 0;
-    hookCall = {};
-    detachedHookCall = {};
+    hookCalls.clear();
     SetThreadCreateHooks(CreateHook, CreateDetachedHook);
-    UInt inUse = SlotsInUse();
+    UInt inUse = SlotsNow().inUse;
     int line = __LINE__ + 1;
     ThreadHandle t = ThreadCreate(ReturnArgument, &marker, 12345);
-    ThreadCreateDetached(ReturnArgument, &marker, 777);
+    ThreadCreateDetached(Observe, &marker, 777);
     SetThreadCreateHooks(nullptr, nullptr);
-
     EXPECT_EQ(t, kHookHandle);
-    EXPECT_EQ(SlotsInUse(), inUse);
-    EXPECT_EQ(hookCall.calls, 1);
-    EXPECT_EQ(hookCall.function, ReturnArgument);
-    EXPECT_EQ(hookCall.argument, &marker);
-    EXPECT_EQ(hookCall.stackSize, 12345u);
-    EXPECT_EQ(hookCall.file, __FILE__);
-    EXPECT_EQ(hookCall.line, line);
-    EXPECT_EQ(detachedHookCall.calls, 1);
-    EXPECT_EQ(detachedHookCall.stackSize, 777u);
-    EXPECT_EQ(detachedHookCall.line, line + 1);
-
+    EXPECT_EQ(SlotsNow().inUse, inUse);
+    EXPECT_EQ(hookCalls, (std::vector<HookCall>{{ReturnArgument, &marker, 12345, __FILE__, line},
+                                                {Observe, &marker, 777, __FILE__, line + 1}}));
     // Without hooks, creation is the library's again.
-    EXPECT_EQ(ThreadJoin(ThreadCreate(ReturnArgument, (void *)8, 0)), 8u);
-    EXPECT_EQ(hookCall.calls, 1);
-}
-
-TEST_F(ThreadTest, JoiningOneselfIsFatal) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(ThreadJoin(ThreadGetCurrent()), "thread operation failed");
+    EXPECT_EQ(Returned(8), 8u);
+    EXPECT_EQ(hookCalls.size(), 2u);
 }
 
 // ---- Thread variables ----
 
-struct VarLog {
-    std::atomic<int> calls{0};
-    std::atomic<uintptr_t> lastValue{0};
-};
+// What the destructors were called with: "<variable>=<value>".
+using Log = std::vector<std::string>;
+std::mutex destroyedMutex;
+Log destroyed;
+ThreadVar plain, stubborn, chain;
 
-ThreadVar plainVar;
-VarLog plainLog;
-void PlainDestructor(void *value) {
-    plainLog.lastValue = (uintptr_t)value;
-    plainLog.calls++;
+void Note(const char *variable, void *value) {
+    std::lock_guard<std::mutex> guard(destroyedMutex);
+    destroyed.push_back(variable + ("=" + std::to_string((uintptr_t)value)));
+}
+// Takes what was noted so far.
+Log Destroyed() {
+    std::lock_guard<std::mutex> guard(destroyedMutex);
+    return std::exchange(destroyed, {});
 }
 
-// A destructor that keeps setting its own variable again.
-ThreadVar stubbornVar;
-VarLog stubbornLog;
+const ThreadVarDestructor kPlain = [](void *value) { Note("plain", value); };
+// Keeps setting its own variable again.
 void StubbornDestructor(void *value) {
-    stubbornLog.calls++;
-    ThreadVarSet(stubbornVar, (char *)value + 1);
+    Note("stubborn", value);
+    ThreadVarSet(stubborn, (char *)value + 1);
 }
-
-// A destructor that sets another variable: that one's destructor runs in
-// the next round.
-ThreadVar chainVar;
-VarLog chainLog;
+// Sets another variable: that one's destructor runs in the next round.
 void ChainDestructor(void *value) {
-    chainLog.lastValue = (uintptr_t)value;
-    chainLog.calls++;
-    ThreadVarSet(plainVar, (void *)0x77);
+    Note("chain", value);
+    ThreadVarSet(plain, (void *)7);
 }
 
 class ThreadVarTest : public ThreadTest {
   protected:
     static void SetUpTestSuite() {
-        plainVar = ThreadVarCreate(PlainDestructor);
-        stubbornVar = ThreadVarCreate(StubbornDestructor);
-        chainVar = ThreadVarCreate(ChainDestructor);
-    }
-    void SetUp() override {
-        ThreadTest::SetUp();
-        for (VarLog *log : {&plainLog, &stubbornLog, &chainLog}) {
-            log->calls = 0;
-            log->lastValue = 0;
-        }
+        plain = ThreadVarCreate(kPlain);
+        stubborn = ThreadVarCreate(StubbornDestructor);
+        chain = ThreadVarCreate(ChainDestructor);
     }
 };
 
-UInt SetPlain(void *value) {
-    ThreadVarSet(plainVar, value);
-    return ThreadVarGet(plainVar) == value;
+// Sets a variable to a value; 1 when it reads the value back.
+struct Setting {
+    ThreadVar var;
+    uintptr_t value;
+};
+UInt SetVar(void *argument) {
+    auto *setting = static_cast<Setting *>(argument);
+    ThreadVarSet(setting->var, (void *)setting->value);
+    return ThreadVarGet(setting->var) == (void *)setting->value;
 }
 
-TEST_F(ThreadVarTest, DestructorRunsWhenTheThreadEnds) {
-    EXPECT_EQ(ThreadJoin(ThreadCreate(SetPlain, (void *)0x55, 0)), 1u);
-    EXPECT_EQ(plainLog.calls, 1);
-    EXPECT_EQ(plainLog.lastValue, 0x55u);
-    // A variable left empty calls nothing.
-    EXPECT_EQ(ThreadJoin(ThreadCreate(SetPlain, nullptr, 0)), 1u);
-    EXPECT_EQ(plainLog.calls, 1);
+// Sets `var` to `value` in a thread of its own, and returns what the
+// destructors were called with.
+Log SetInThread(ThreadVar var, uintptr_t value) {
+    Setting setting{var, value};
+    EXPECT_EQ(ThreadJoin(ThreadCreate(SetVar, &setting, 0)), 1u);
+    return Destroyed();
 }
 
-TEST_F(ThreadVarTest, DetachedThreadRunsDestructorsToo) {
-    ThreadCreateDetached(SetPlain, (void *)0x66, 0);
-    EXPECT_TRUE(WaitFor([] { return plainLog.calls == 1; }));
-    EXPECT_EQ(plainLog.lastValue, 0x66u);
-}
+TEST_F(ThreadVarTest, DestructorsRunInRoundsWhenTheThreadEnds) {
+    EXPECT_EQ(SetInThread(plain, 5), Log{"plain=5"});
+    EXPECT_EQ(SetInThread(plain, 0), Log{});  // an empty variable calls nothing
+    // One that sets its value again runs at most four times.
+    EXPECT_EQ(SetInThread(stubborn, 10),
+              (Log{"stubborn=10", "stubborn=11", "stubborn=12", "stubborn=13"}));
+    // One that fills another variable has that one's destructor run.
+    EXPECT_EQ(SetInThread(chain, 20), (Log{"chain=20", "plain=7"}));
 
-UInt SetStubborn(void *) {
-    ThreadVarSet(stubbornVar, (void *)0x100);
-    return 0;
-}
-
-TEST_F(ThreadVarTest, DestructorThatSetsItsValueAgainRunsAtMostFourTimes) {
-    ThreadJoin(ThreadCreate(SetStubborn, nullptr, 0));
-    EXPECT_EQ(stubbornLog.calls, 4);
-}
-
-UInt SetChain(void *) {
-    ThreadVarSet(chainVar, (void *)0x200);
-    return 0;
-}
-
-TEST_F(ThreadVarTest, DestructorMayFillAnotherVariable) {
-    ThreadJoin(ThreadCreate(SetChain, nullptr, 0));
-    EXPECT_EQ(chainLog.calls, 1);
-    EXPECT_EQ(chainLog.lastValue, 0x200u);
-    EXPECT_EQ(plainLog.calls, 1);
-    EXPECT_EQ(plainLog.lastValue, 0x77u);
+    static Setting detached{plain, 6};
+    ThreadCreateDetached(SetVar, &detached, 0);
+    Log log;
+    EXPECT_TRUE(WaitFor([&] { return !(log = Destroyed()).empty(); }));
+    EXPECT_EQ(log, Log{"plain=6"});
 }
 
 TEST_F(ThreadVarTest, ForeignThreadCleansUpWithThreadCleanup) {
-    std::atomic<bool> contextMade{false};
-    std::atomic<int> callsBeforeCleanup{-1};
-    std::thread foreign([&] {
-        contextMade = ThreadInit() != nullptr;
-        ThreadVarSet(plainVar, (void *)0x99);
-        callsBeforeCleanup = plainLog.calls.load();
+    std::thread([] {
+        EXPECT_NE(ThreadInit(), nullptr);
+        ThreadVarSet(plain, (void *)9);
+        EXPECT_EQ(Destroyed(), Log{});
         ThreadCleanup();
-    });
-    foreign.join();
-    EXPECT_TRUE(contextMade);
-    EXPECT_EQ(callsBeforeCleanup, 0);
-    EXPECT_EQ(plainLog.calls, 1);
-    EXPECT_EQ(plainLog.lastValue, 0x99u);
+    }).join();
+    EXPECT_EQ(Destroyed(), Log{"plain=9"});
 }
 
 }  // namespace
