@@ -5,7 +5,9 @@
 #include "qk/array.h"
 #include "qk/frame.h"
 #include "qk/memory.h"
+#include "qk/normal.h"
 #include "qk/thread.h"
 #include "qk/types.h"
+#include "qk/unicode.h"
 
 #endif /* QK_QKCOMMON_H */
