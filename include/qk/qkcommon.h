@@ -3,6 +3,7 @@
 #define QK_QKCOMMON_H
 
 #include "qk/array.h"
+#include "qk/file.h"
 #include "qk/frame.h"
 #include "qk/memory.h"
 #include "qk/normal.h"
