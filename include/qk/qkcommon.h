@@ -3,7 +3,9 @@
 #define QK_QKCOMMON_H
 
 #include "qk/array.h"
+#include "qk/digest.h"
 #include "qk/file.h"
+#include "qk/fingerprint.h"
 #include "qk/frame.h"
 #include "qk/memory.h"
 #include "qk/normal.h"

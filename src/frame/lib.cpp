@@ -88,6 +88,7 @@ void StartUp() {
     PageSize();
     FormatVersion();
     ReadKernelVersion();
+    FingerprintInit();
     VMapInit();
     ReadHostName();
 }
