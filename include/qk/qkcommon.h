@@ -3,6 +3,7 @@
 #define QK_QKCOMMON_H
 
 #include "qk/array.h"
+#include "qk/channel.h"
 #include "qk/digest.h"
 #include "qk/file.h"
 #include "qk/fingerprint.h"

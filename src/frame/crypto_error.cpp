@@ -19,13 +19,7 @@ void TakeErrors(char *text, size_t size) {
 }  // namespace
 
 int ThrowError(const char *operation) {
-    char reason[256];
-    TakeErrors(reason, sizeof reason);
-    if (reason[0]) {
-        QKErrorThrow(QK_ERR_CONNECTION, QK_DOMAIN_GENERAL, "SSL error: %s: %s", operation, reason);
-    } else {
-        QKErrorThrow(QK_ERR_CONNECTION, QK_DOMAIN_GENERAL, "SSL error: %s", operation);
-    }
+    SSLErrorThrow(operation);
     return 0;
 }
 

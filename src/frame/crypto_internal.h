@@ -4,6 +4,7 @@
 
 #include <openssl/evp.h>
 
+#include "qk/channel.h"
 #include "qk/digest.h"
 #include "qk/frame.h"
 
@@ -14,9 +15,10 @@ struct PublicEncryptionKey {
 
 namespace qk::crypto {
 
-// Throws (5, 2) with the oldest error of the TLS library's queue for the
-// thread, or with `operation` alone when the queue is empty, and empties
-// the queue. Returns 0, so that callers can return its value.
+// Throws through SSLErrorThrow: (5, 2) with the oldest error of the TLS
+// library's queue for the thread, or with `operation` alone when the queue
+// is empty, and empties the queue. Returns 0, so that callers can return
+// its value.
 int ThrowError(const char *operation);
 
 // Ends the process when an operation that cannot fail with valid

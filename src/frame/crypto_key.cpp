@@ -20,6 +20,7 @@ PublicEncryptionKey *Wrap(EVP_PKEY *pkey) {
 }  // namespace
 
 PublicEncryptionKey *PublicEncryptionKeyGenerate(UInt bits) {
+    SSLThreadInit();
     EVP_PKEY_CTX *context = EVP_PKEY_CTX_new_from_name(NULL, "RSA", NULL);
     if (!context) {
         ThrowError("EVP_PKEY_CTX_new_from_name()");
@@ -44,6 +45,7 @@ PublicEncryptionKey *PublicEncryptionKeyGenerate(UInt bits) {
 }
 
 PublicEncryptionKey *PublicEncryptionKeyFromBuffer(const char *text, UInt size) {
+    SSLThreadInit();
     EVP_PKEY *pkey = NULL;
     // Any PEM form of an RSA key: private, or the public half alone.
     OSSL_DECODER_CTX *decoder =
@@ -65,6 +67,7 @@ PublicEncryptionKey *PublicEncryptionKeyFromBuffer(const char *text, UInt size) 
 }
 
 int PublicEncryptionKeyToBuffer(PublicEncryptionKey *key, int withPrivate, CharArray *text) {
+    SSLThreadInit();
     BIO *memory = BIO_new(BIO_s_mem());
     if (!memory) return ThrowError("BIO_new()");
     int ok = withPrivate ? PEM_write_bio_PrivateKey(memory, key->pkey, NULL, NULL, 0, NULL, NULL)

@@ -66,7 +66,6 @@ int Run(EVP_PKEY_CTX *context, Operation operation, UByte *out, size_t *outSize,
 // (the last block maybe shorter); on failure appends nothing.
 int Blocks(PublicEncryptionKey *key, Operation operation, const void *data, UInt size,
            UInt blockSize, ByteArray *array) {
-    // (With OpenSSL 3 the library needs no set-up per thread.)
     EVP_PKEY_CTX *context = EVP_PKEY_CTX_new_from_pkey(NULL, key->pkey, NULL);
     if (!context) return ThrowError("EVP_PKEY_CTX_new_from_pkey()");
     if (!Init(context, operation)) {
@@ -115,6 +114,7 @@ const char *DigestName(int digestKind) {
 
 int PublicEncryptBuffer(PublicEncryptionKey *key, int usePublic, const void *data, UInt size,
                         ByteArray *array) {
+    SSLThreadInit();
     UInt keySize = (UInt)EVP_PKEY_get_size(key->pkey);
     if (keySize <= kOaepOverhead) return ThrowError("key too small");
     return Blocks(key, usePublic ? Operation::EncryptPublic : Operation::EncryptPrivate, data, size,
@@ -123,6 +123,7 @@ int PublicEncryptBuffer(PublicEncryptionKey *key, int usePublic, const void *dat
 
 int PublicDecryptBuffer(PublicEncryptionKey *key, int usePrivate, const void *data, UInt size,
                         ByteArray *array) {
+    SSLThreadInit();
     UInt keySize = (UInt)EVP_PKEY_get_size(key->pkey);
     if (keySize == 0 || size % keySize != 0) {
         QKErrorThrow(QK_ERR_INVALID, QK_DOMAIN_GENERAL, "bad argument(s)");
@@ -134,6 +135,7 @@ int PublicDecryptBuffer(PublicEncryptionKey *key, int usePrivate, const void *da
 
 int PublicSignBuffer(PublicEncryptionKey *key, int digestKind, const void *data, UInt size,
                      ByteArray *array) {
+    SSLThreadInit();
     const char *digest = DigestName(digestKind);
     EVP_MD_CTX *context = EVP_MD_CTX_new();
     if (!context) return ThrowError("EVP_MD_CTX_new()");
@@ -153,6 +155,7 @@ int PublicSignBuffer(PublicEncryptionKey *key, int digestKind, const void *data,
 
 int PublicVerifySignature(PublicEncryptionKey *key, int digestKind, const void *data, UInt size,
                           const void *signature, UInt signatureSize) {
+    SSLThreadInit();
     const char *digest = DigestName(digestKind);
     EVP_MD_CTX *context = EVP_MD_CTX_new();
     if (!context) return ThrowError("EVP_MD_CTX_new()");

@@ -52,6 +52,7 @@ const char *NameHash(const X509_NAME *name, char (&text)[9]) {
 }  // namespace
 
 X509Certificate *X509CertificateLoad(const char *path) {
+    SSLThreadInit();
     BIO *file = OpenFile(path);
     if (!file) return NULL;
     X509 *x509 = PEM_read_bio_X509(file, NULL, NULL, NULL);
@@ -66,10 +67,12 @@ X509Certificate *X509CertificateLoad(const char *path) {
 }
 
 const char *X509CertificateHash(X509Certificate *certificate) {
+    SSLThreadInit();
     return NameHash(X509_get_subject_name(certificate->x509), certificate->hash);
 }
 
 const UByte *X509CertificateFingerprint(X509Certificate *certificate) {
+    SSLThreadInit();
     unsigned int size = 0;
     if (!SHA1() || !X509_digest(certificate->x509, SHA1(), certificate->fingerprint, &size) ||
         size != QK_X509_FINGERPRINT_SIZE) {
@@ -86,6 +89,7 @@ void X509CertificateDelete(X509Certificate *certificate) {
 }
 
 X509CertificateRevocationList *X509CertificateRevocationListLoad(const char *path) {
+    SSLThreadInit();
     BIO *file = OpenFile(path);
     if (!file) return NULL;
     X509_CRL *crl = PEM_read_bio_X509_CRL(file, NULL, NULL, NULL);
@@ -100,10 +104,12 @@ X509CertificateRevocationList *X509CertificateRevocationListLoad(const char *pat
 }
 
 const char *X509CertificateRevocationListHash(X509CertificateRevocationList *list) {
+    SSLThreadInit();
     return NameHash(X509_CRL_get_issuer(list->crl), list->hash);
 }
 
 const UByte *X509CertificateRevocationListFingerprint(X509CertificateRevocationList *list) {
+    SSLThreadInit();
     unsigned int size = 0;
     if (!SHA1() || !X509_CRL_digest(list->crl, SHA1(), list->fingerprint, &size) ||
         size != QK_X509_FINGERPRINT_SIZE) {

@@ -91,6 +91,9 @@ void StartUp() {
     FingerprintInit();
     VMapInit();
     ReadHostName();
+    QKTCPInit();
+    // Streams carry bytes unchanged on this system; there is no text mode to leave.
+    if (!SSLInit()) fputs("warning: could not initialize SSL\n", stderr);
 }
 
 // The base name of `name`: each '/' or '\\' restarts the copy.
