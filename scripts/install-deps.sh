@@ -11,6 +11,7 @@ packages=(
 )
 bench_packages=(
     libbenchmark-dev libxxhash-dev libicu-dev
+    robin-map-dev libcmph-dev wamerican
 )
 if [[ "${1:-}" == "--bench" ]]; then
     packages+=("${bench_packages[@]}")

@@ -8,6 +8,7 @@
 #include "qk/file.h"
 #include "qk/fingerprint.h"
 #include "qk/frame.h"
+#include "qk/hash.h"
 #include "qk/memory.h"
 #include "qk/normal.h"
 #include "qk/thread.h"

@@ -30,6 +30,9 @@ bool GenerateUnicodeNumeric(const Options &options, std::string &out);
 bool GenerateUnicodeNames(const Options &options, std::string &out);
 bool GenerateUnicodeNormal(const Options &options, std::string &out);
 
+// The primes of the hash tables' slot counts (prime_table.cpp).
+bool GeneratePrimes(const Options &options, std::string &out);
+
 // Output helpers (emit.cpp).
 
 // printf into a string.

@@ -23,6 +23,8 @@ const qkgen::Generator kGenerators[] = {
      qkgen::GenerateUnicodeNames},
     {"unicode-normal", "decompositions and combining marks (src/text/generated/unicode_normal.inc)",
      qkgen::GenerateUnicodeNormal},
+    {"primes", "slot counts of the hash tables (src/container/generated/primes.inc)",
+     qkgen::GeneratePrimes},
 };
 
 void Usage(FILE *stream) {
