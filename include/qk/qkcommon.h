@@ -11,6 +11,7 @@
 #include "qk/hash.h"
 #include "qk/memory.h"
 #include "qk/normal.h"
+#include "qk/server.h"
 #include "qk/thread.h"
 #include "qk/types.h"
 #include "qk/unicode.h"
