@@ -250,8 +250,8 @@ QK_API void SSLConfigDelete(SSLConfig *config);
 /* Gives a channel TLS settings (none to remove them); a client channel
  * names `hostName` to the server and, when its settings have a CA file,
  * verifies the certificate against it (a name, or an address in text).
- * The settings and the name are not copied: both must stay valid as long as
- * the channel may start a session (ChannelConnect, ChannelStartSSL). */
+ * The settings are not copied and must stay valid as long as the channel
+ * may start a session (ChannelConnect, ChannelStartSSL); the name is copied. */
 QK_API void ChannelSetSSL(Channel *channel, SSLConfig *config);
 QK_API void ChannelSetSSLHost(Channel *channel, const char *hostName);
 /* The handshake on a connected channel: 1, or 0 with the error state set. */

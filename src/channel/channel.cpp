@@ -92,6 +92,7 @@ QK_API int ChannelClose(Channel *channel) {
             qk::tls::End(channel, false);
             CloseDescriptor(channel);
         });
+        UnAllocate(channel->sslExtra);
         UnAllocate(channel);
         return 0;
     }
@@ -101,6 +102,7 @@ QK_API int ChannelClose(Channel *channel) {
         QKSetLastErrorFromErrno();
         result = 0;
     }
+    UnAllocate(channel->sslExtra);
     UnAllocate(channel);
     return result;
 }

@@ -20,12 +20,15 @@
 
 #include <trio.h>
 
+#include "channel/channel_internal.h"
 #include "channel/server_internal.h"
 #include "frame/file_internal.h"
 #include "qk/frame.h"
 #include "qk/thread.h"
 
 namespace {
+
+using qk::channel::KeepingError;
 
 constexpr UInt kDefaultMode = 0600;
 constexpr int kBacklog = 10000;
@@ -34,22 +37,6 @@ std::atomic<UInt> socketMode{kDefaultMode};
 
 // The umask is process-wide: binds of local sockets take turns.
 Mutex umaskLock = MUTEX_INITIALIZER;
-
-// Runs `release` with the thread's error state kept as it stands.
-template <typename F>
-void KeepingError(F release) {
-    if (errno == -2) {
-        QKErrorSave();
-        release();
-        QKErrorRestore();
-    } else {
-        int savedErrno = errno;
-        int savedLastError = QKGetLastError();
-        release();
-        QKSetLastError(savedLastError);
-        errno = savedErrno;
-    }
-}
 
 void UnlinkKeepingError(const char *path) {
     KeepingError([path] { unlink(path); });

@@ -12,6 +12,7 @@
 #include "channel/tls_config.h"
 #include "channel/tls_internal.h"
 #include "qk/frame.h"
+#include "qk/memory.h"
 
 namespace {
 
@@ -166,10 +167,10 @@ QK_API void ChannelSetSSL(Channel *channel, SSLConfig *config) {
     channel->sslConfig = config;
 }
 
-// The name is borrowed, like the settings: a channel may be closed by code
-// that knows nothing of TLS, so it owns nothing that would need freeing.
+// The channel keeps its own copy of the name; ChannelClose frees it.
 QK_API void ChannelSetSSLHost(Channel *channel, const char *hostName) {
-    channel->sslExtra = const_cast<char *>(hostName);
+    UnAllocate(channel->sslExtra);
+    channel->sslExtra = hostName != nullptr ? Strdup(hostName) : nullptr;
 }
 
 QK_API int ChannelStartSSL(Channel *channel, int server) {

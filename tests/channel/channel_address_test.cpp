@@ -22,7 +22,10 @@ IPAddr Quad(UInt value) {
 std::string Printed(TCPAddr addr) {
     ByteArray text = {};
     ArrayAppend(text, ">", 1);
-    if (!TCPAddrGetIPPort(addr, &text)) return "<none>";
+    if (!TCPAddrGetIPPort(addr, &text)) {
+        ArrayFree(text);
+        return "<none>";
+    }
     std::string s((char *)text.data + 1, text.length - 1);
     if (text.data[text.length] != 0) s += "<no terminator>";
     ArrayFree(text);

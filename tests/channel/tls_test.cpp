@@ -11,6 +11,7 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <thread>
@@ -122,7 +123,10 @@ class TlsTest : public ::testing::Test {
     static Channel *Client(SSLConfig *config, const char *host = nullptr, Int timeout = 10000) {
         Channel *channel = ChannelNew(timeout, timeout);
         ChannelSetSSL(channel, config);
-        ChannelSetSSLHost(channel, host);
+        // The channel keeps its own copy: the caller's buffer is wiped at once.
+        std::string name = host != nullptr ? host : "";
+        ChannelSetSSLHost(channel, host != nullptr ? name.c_str() : nullptr);
+        std::fill(name.begin(), name.end(), 'x');
         return channel;
     }
     static bool StartsWith(const std::string &text, const std::string &start) {
