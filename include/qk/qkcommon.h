@@ -2,6 +2,7 @@
 #ifndef QK_QKCOMMON_H
 #define QK_QKCOMMON_H
 
+#include "qk/arena.h"
 #include "qk/array.h"
 #include "qk/channel.h"
 #include "qk/digest.h"
@@ -12,6 +13,7 @@
 #include "qk/memory.h"
 #include "qk/normal.h"
 #include "qk/server.h"
+#include "qk/status.h"
 #include "qk/thread.h"
 #include "qk/types.h"
 #include "qk/unicode.h"
