@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test asan tsan bench format clean
+.PHONY: all deps build test run asan tsan bench bench-server format clean
 
 all: build
 
@@ -16,6 +16,12 @@ build: deps
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+# The command server in the foreground, on 127.0.0.1:8760 unless QKD_ARGS
+# says otherwise (e.g. QKD_ARGS="--port 0 --data /tmp/qkd"); Ctrl-C stops it.
+QKD_ARGS ?=
+run: build
+	./$(BUILD)/tools/qkd/qkd $(QKD_ARGS)
 
 # The tests under AddressSanitizer with UndefinedBehaviorSanitizer.
 asan: deps
@@ -35,6 +41,14 @@ bench:
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DQK_BUILD_BENCH=ON -DQK_BUILD_TESTS=OFF
 	cmake --build build-bench -j $(JOBS)
 	./build-bench/bench/qkbench
+
+# qkd against nginx over HTTP with wrk, then the native protocol's round
+# trips (see bench/README.md).
+bench-server:
+	./scripts/install-deps.sh --bench
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DQK_BUILD_BENCH=ON -DQK_BUILD_TESTS=OFF
+	cmake --build build-bench -j $(JOBS)
+	./bench/server_bench.sh build-bench
 
 format:
 	find include src tests tools bench -name '*.[ch]' -o -name '*.cpp' -o -name '*.hpp' | xargs clang-format -i

@@ -8,10 +8,12 @@ packages=(
     libtrio-dev libssl-dev zlib1g-dev
     libgtest-dev libgmock-dev
     unicode-data
+    curl
 )
 bench_packages=(
     libbenchmark-dev libxxhash-dev libicu-dev
-    robin-map-dev libcmph-dev wamerican
+    robin-map-dev libcmph-dev wamerican liblmdb-dev
+    wrk nginx-light
 )
 if [[ "${1:-}" == "--bench" ]]; then
     packages+=("${bench_packages[@]}")
