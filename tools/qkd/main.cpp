@@ -90,8 +90,10 @@ void Stop() {
 }
 
 // SIGINT and SIGTERM are blocked in every thread and taken by one thread
-// of their own with sigwait, so that stopping the server (which takes the
-// server's locks) never runs inside a signal handler.
+// of their own with sigwait. A handler would run on whichever thread the
+// kernel picks, perhaps a worker parked in a timed wait, where some
+// runtimes (the thread sanitizer among them) hold the signal back until
+// the wait ends; the waiting thread takes it at once.
 sigset_t StopSignals() {
     sigset_t signals;
     sigemptyset(&signals);
