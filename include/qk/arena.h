@@ -38,7 +38,7 @@ enum { NEWGEN = 0, OLDGEN = 1 };
 enum {
     VM_FLAG_CREATE = 0x01,    /* create the arena if nothing of it exists */
     VM_FLAG_READ_ONLY = 0x02, /* never with VM_FLAG_CREATE or VM_FLAG_RECOVER */
-    VM_FLAG_RECOVER = 0x04,   /* roll the last commit forward before reading */
+    VM_FLAG_RECOVER = 0x04,   /* ask for recovery: a marked commit rolls forward in any case */
     VM_FLAG_LOCK = 0x08,      /* lock the mapped data in memory */
     VM_FLAG_MAPPED = 0x10,    /* memory-mapped mode */
     VM_FLAG_RANDOM = 0x20,    /* random access to the data files */
@@ -98,6 +98,62 @@ QK_API int FileAtomicCommit(const char *dir, const char *name);
 /* Brings `name` back from `name`.new or `name`.old when a crash cut a swap
  * short. Always 1. */
 QK_API int FileAtomicRecover(const char *dir, const char *name);
+
+/* Commit marks: status parameter 99 of the status file in `dir`. */
+QK_API int CommitMark(const char *dir);
+QK_API int CommitUnMark(const char *dir);
+QK_API int CommitMarked(const char *dir);
+
+/* --- Commit. ---
+ * VMArenaCommit runs the phases in their order: VMArenaFlushStart,
+ * VMArenaFlushExec, creation of the marker `committing`,
+ * VMArenaFlushCommitDisk, removal of the marker, VMArenaFlushCommitMemory
+ * (with the lock), VMArenaFlushStop. On the first failure it goes straight
+ * to VMArenaFlushStop and returns 0; the disk still holds the last commit,
+ * and the arena must be closed and reopened. The serials of the generation
+ * written go to `oldSerial` and `newSerial` (each may be null). */
+QK_API int VMArenaCommit(VMArena *arena, ULong *oldSerial, ULong *newSerial);
+QK_API int VMArenaFlushStart(VMArena *arena, ULong *oldSerial, ULong *newSerial);
+QK_API int VMArenaFlushExec(VMArena *arena);
+QK_API int VMArenaFlushCommitDisk(VMArena *arena);
+QK_API int VMArenaFlushCommitMemory(VMArena *arena, int lock);
+QK_API int VMArenaFlushStop(VMArena *arena);
+/* Take and give back the old generation's lock for writing, around
+ * VMArenaFlushCommitMemory called with `lock` 0. */
+QK_API void VMArenaFlushCommitMemoryAcquire(VMArena *arena);
+QK_API void VMArenaFlushCommitMemoryRelease(VMArena *arena);
+/* Readers of the old generation hold this from before their first access
+ * until after their last pointer is dropped. */
+QK_API void VMArenaOldGenAcquire(VMArena *arena);
+QK_API void VMArenaOldGenRelease(VMArena *arena);
+/* NEWGEN: shared hold on the new generation against a commit; OLDGEN: as
+ * VMArenaOldGenAcquire. */
+QK_API void VMArenaNewGenAcquire(VMArena *arena, Int genID);
+QK_API void VMArenaNewGenRelease(VMArena *arena, Int genID);
+
+/* --- Blocks. ---
+ * A piece of 64 to 8192 bytes in one of 16 size classes, named by a 64-bit
+ * ID that stays valid across commits. Allocation and freeing take NEWGEN;
+ * `read` 0 announces a write, which copies an old generation's block once
+ * per generation. */
+QK_API ULong VMArenaBlockNew(VMArena *arena, UInt size, UInt *actualSize, Int genID);
+QK_API void VMArenaBlockFree(VMArena *arena, ULong id, Int genID);
+/* Whole logical blocks of 8192 bytes. VMArenaDataBlockNew returns
+ * INVALID_RAW_BLOCK_ID on failure. */
+QK_API UInt VMArenaDataBlockNew(VMArena *arena, Int genID);
+QK_API void VMArenaDataBlockFree(VMArena *arena, UInt block, Int genID);
+QK_API void *VMArenaDataBlockAcquire(VMArena *arena, UInt block, Int genID, int read);
+/* The piece's address, null for INVALID_VMARENA_BLOCK_ID (size 0) or a
+ * block that does not exist. `size` and `sizeClass` may be null. */
+QK_API void *VMArenaDataAcquire(VMArena *arena, ULong id, Int genID, int read, UInt *size,
+                                UInt *sizeClass);
+/* Ends an acquire; nothing to do in mapped mode. */
+QK_API void VMArenaDataRelease(VMArena *arena, Int genID, int read, void *address, int hint);
+QK_API void VMArenaDataPrefetch(VMArena *arena, ULong id, Int genID);
+/* The logical block's raw block ID and (in `bucket`, may be null) bucket. */
+QK_API UInt VMABlockInfoGet(VMArena *arena, UInt block, Int genID, UInt *bucket);
+/* Starts reading what the allocator will give out next. */
+QK_API void VMArenaFreePrefetch(VMArena *arena, UInt bytes);
 
 QK_END_DECLS
 

@@ -68,10 +68,11 @@ bool FlushPath(VMArena *arena, const char *dir, const char *which, ULong serial)
 
 }  // namespace
 
-bool VMArenaRead(VMArena *arena) {
+bool VMArenaRead(VMArena *arena, bool rollForward) {
     if (!ReadNew(arena) || !ReadOld(arena)) return false;
     if (!FormatPath(arena->tempPath, "%s/block", arena->dir)) return false;
-    return LocalBlockServerOpen(&arena->server, arena->tempPath, arena->bucketCount, arena->flags,
+    UInt flags = arena->flags | (rollForward ? kFlagRollForward : 0);
+    return LocalBlockServerOpen(&arena->server, arena->tempPath, arena->bucketCount, flags,
                                 ARENA_MAX_BLOCK_SIZE, kFileBlockSize, kMinBlockCount,
                                 arena->serialOld, arena->serialNew);
 }
@@ -118,11 +119,25 @@ QK_API int VMArenaFileFlushNew(VMArena *arena, const char *dir) {
 
 QK_API int VMArenaFileFlushOld(VMArena *arena, const char *dir) {
     if (!FlushPath(arena, dir, "old", arena->flushedSerialOld)) return 0;
-    return WriteMetadata("VMArenaFileFlushOld", arena->tempPath, [arena](Channel *channel) {
+    bool written = WriteMetadata("VMArenaFileFlushOld", arena->tempPath, [arena](Channel *channel) {
         if (VMArenaFileOldGenWrite(arena, channel)) return true;
         QKErrorRethrow("VMArenaFileFlushOld: could not write data on: \"%s\"", arena->tempPath);
         return false;
     });
+    if (!written) return 0;
+    // The image that the old generation becomes at the memory commit, as the
+    // file holds it; its block addresses are resolved on first use.
+    VMArenaRFree(&arena->r_gen_next);
+    VMArenaRInit(&arena->r_gen_next);
+    Channel *channel =
+        OpenForRead(arena->tempPath, "VMArenaFileFlushOld: could not open file \"%s\"");
+    if (channel == nullptr) return 0;
+    if (!ArenaOldGenDecode(channel, &arena->r_gen_next) || !ExpectEnd(channel)) {
+        QKErrorRethrow("VMArenaFileFlushOld: could not read back \"%s\"", arena->tempPath);
+        CloseKeepingError(channel);
+        return 0;
+    }
+    return CloseRead(channel, arena->tempPath);
 }
 
 QK_API int VMArenaUnlinkGeneration(VMArena *arena, ULong oldSerial, ULong newSerial) {

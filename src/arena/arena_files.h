@@ -6,7 +6,8 @@
 namespace qk::arena {
 
 // Reads arena.new and arena.old (their serial forms in serial mode) and
-// opens the buckets.
-bool VMArenaRead(VMArena *arena);
+// opens the buckets; with `rollForward` the buckets first publish the index
+// files of a commit that was marked but not finished.
+bool VMArenaRead(VMArena *arena, bool rollForward);
 
 }  // namespace qk::arena

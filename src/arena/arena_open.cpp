@@ -6,6 +6,7 @@
 
 #include <initializer_list>
 
+#include "arena/arena_durable.h"
 #include "arena/arena_files.h"
 #include "arena/block_read.h"
 #include "qk/file.h"
@@ -148,15 +149,20 @@ QK_API VMArena *VMArenaOpen(const char *dir, UInt flags, UInt bucketCount, ULong
         return nullptr;
     }
     int saved = errno;
-    if (marked || (flags & VM_FLAG_RECOVER)) {
-        // A commit that stopped half way is rolled forward; what fails here
-        // is settled by the reading below.
+    if (marked) {
+        // A commit that stopped half way through its renames is rolled
+        // forward; what fails here is settled by the reading below. Without
+        // the marker nothing is rolled, VM_FLAG_RECOVER or not: a commit cut
+        // before the marker may have left partial temporary files, and the
+        // last commit's files are the image.
         FileAtomicCommit(dir, "arena.new");
         FileAtomicCommit(dir, "arena.old");
         errno = saved;
     }
+    // A marked commit had begun its renames: the buckets finish them too.
+    bool rollForward = marked && oldSerial == STATUS_NO_SERIAL && newSerial == STATUS_NO_SERIAL;
     VMArena *arena = New(dir, flags, bucketCount, oldSerial, newSerial);
-    if (!VMArenaRead(arena)) {
+    if (!VMArenaRead(arena, rollForward)) {
         DeleteKeepingError(arena);
         if (AnySign(dir, oldSerial, newSerial)) {
             QKErrorRethrow("existing but not openable VM in \"%s\"", dir);
@@ -171,7 +177,7 @@ QK_API VMArena *VMArenaOpen(const char *dir, UInt flags, UInt bucketCount, ULong
             return nullptr;
         }
         arena = New(dir, flags, bucketCount, oldSerial, newSerial);
-        if (!VMArenaRead(arena)) {
+        if (!VMArenaRead(arena, false)) {
             QKErrorRethrow("could not read vmarena in \"%s\"", dir);
             DeleteKeepingError(arena);
             return nullptr;
@@ -184,11 +190,16 @@ QK_API VMArena *VMArenaOpen(const char *dir, UInt flags, UInt bucketCount, ULong
         return nullptr;
     }
     if (flags & VM_FLAG_LOCK) LockMappings(arena);
-    if (marked && unlink(committing) != 0) {
-        QKSetLastErrorFromErrno();
-        QKErrorRethrow("cannot remove file \"%s\"", committing);
-        DeleteKeepingError(arena);
-        return nullptr;
+    // The marker goes only once the rolled-forward names stand on disk, and
+    // nothing of the finished commit is left beside them. (Without the
+    // marker, the temporary files of a commit that never reached it stay
+    // until the next commit writes them again.)
+    if (marked) {
+        VMArenaRemoveLeftovers(arena);
+        if (!VMArenaSyncDirectories(arena) || !VMArenaUnmarkCommitting(arena)) {
+            DeleteKeepingError(arena);
+            return nullptr;
+        }
     }
     errno = saved;
     return arena;

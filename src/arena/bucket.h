@@ -60,6 +60,11 @@ struct LocalBlockServer {
 
 namespace qk::arena {
 
+// An open flag of the arena's own, never the caller's: a commit stopped
+// after its marker was made, so both index files of the bucket are rolled
+// forward before they are read.
+constexpr UInt kFlagRollForward = 0x40000000;
+
 // Opens bucket `index` in the block directory `dir`, creating its files when
 // its index is missing. None on failure.
 QK_API LocalBlockServer0 *LocalBlockServer0Open_(const char *dir, UInt index, UInt flags,
@@ -86,5 +91,47 @@ QK_API bool IndexFileFlushOld(LocalBlockServer0 *server, ULong serial);
 // Publish the temporary index files.
 QK_API bool IndexFileCommitNew(LocalBlockServer0 *server);
 QK_API bool IndexFileCommitOld(LocalBlockServer0 *server);
+
+// --- Allocation in a bucket; the callers hold the bucket's mutex. ---
+
+// A raw block for the new generation: the lowest one free in both
+// generations, else one more block of the read-write part.
+// INVALID_RAW_BLOCK_ID on failure.
+QK_API UInt LocalBlockServer0RawBlockNew(LocalBlockServer0 *server);
+// Takes the lowest raw block free in both generations;
+// INVALID_RAW_BLOCK_ID when there is none.
+QK_API UInt LocalBlockServer0FreeBlockGetOld(LocalBlockServer0 *server);
+// A new logical block (its index in the bucket) with a raw block of its
+// own; INVALID_RAW_BLOCK_ID on failure.
+QK_API UInt LocalBlockServer0BlockNew(LocalBlockServer0 *server);
+QK_API void LocalBlockServer0BlockFree(LocalBlockServer0 *server, UInt index);
+// The address of logical block `index` of the bucket in generation `genID`;
+// a write (`read` false) in the new generation first copies a block of the
+// old generation. None for a block that does not exist. OLDGEN takes no
+// lock; NEWGEN takes the bucket's mutex.
+QK_API UByte *LocalBlockServer0BlockReach(LocalBlockServer0 *server, UInt index, Int genID,
+                                          bool read);
+// The raw block of logical block `index` in a generation, or
+// INVALID_RAW_BLOCK_ID.
+QK_API UInt LocalBlockServer0RawID(LocalBlockServer0 *server, UInt index, Int genID);
+
+// --- The same over the bucket set; logical IDs carry the bucket. ---
+
+// A new logical block from the next bucket in turn; INVALID_RAW_BLOCK_ID on
+// failure.
+QK_API UInt LocalBlockServerBlockNew(LocalBlockServer *set);
+QK_API void LocalBlockServerBlockFree(LocalBlockServer *set, UInt logical);
+// The bucket of a logical ID and its index there; none for a bucket that
+// does not exist.
+QK_API LocalBlockServer0 *LocalBlockServerBucket(LocalBlockServer *set, ULong logical, UInt *index);
+
+// --- Commit of a bucket. ---
+
+// Settles the new generation: compaction towards low raw blocks, the
+// committed size padded to whole file blocks, the accounting of every raw
+// block, the data synced and both index files written.
+QK_API bool LocalBlockServer0FlushFileExec(LocalBlockServer0 *server);
+// Prints the counts of the free lists and of the raw blocks.
+QK_API void LocalBlockServer0StatPrint(LocalBlockServer0 *server);
 
 }  // namespace qk::arena

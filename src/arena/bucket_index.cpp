@@ -110,13 +110,26 @@ bool IndexFileFlushOld(LocalBlockServer0 *s, ULong serial) {
                      ? FormatPath(s->tempPath, "%s/index%s.old.new", s->dir, s->suffix)
                      : FormatPath(s->tempPath, "%s/index%s.old.%I64u", s->dir, s->suffix, serial);
     if (!named) return false;
-    return WriteMetadata("IndexFileFlushOld", s->tempPath, [s](Channel *channel) {
+    bool written = WriteMetadata("IndexFileFlushOld", s->tempPath, [s](Channel *channel) {
         MutexLock(&s->rw_gen.mutex);
         bool ok = IndexOldGenEncode(channel, &s->rw_gen.map);
         MutexUnlock(&s->rw_gen.mutex);
         if (!ok) QKErrorRethrow("IndexFileFlushOld: could not write data on: \"%s\"", s->tempPath);
         return ok;
     });
+    if (!written) return false;
+    // The image that the old generation becomes at the memory commit, as the
+    // file holds it.
+    FArrayFree(s->r_gen_next, UInt);
+    FArrayInitHeap(s->r_gen_next, s->r_gen.blockSize);
+    Channel *channel = OpenForRead(s->tempPath, "IndexFileFlushOld: could not open file \"%s\"");
+    if (channel == nullptr) return false;
+    if (!IndexOldGenDecode(channel, &s->r_gen_next) || !ExpectEnd(channel)) {
+        QKErrorRethrow("IndexFileFlushOld: could not read back \"%s\"", s->tempPath);
+        CloseKeepingError(channel);
+        return false;
+    }
+    return CloseRead(channel, s->tempPath);
 }
 
 bool IndexFileCommitNew(LocalBlockServer0 *s) {

@@ -131,12 +131,26 @@ bool IsMissingFile(ULong code) {
 LocalBlockServer0 *LocalBlockServer0Open_(const char *dir, UInt index, UInt flags, UInt blockSize,
                                           UInt fileBlockSize, UInt minBlockCount, ULong serialOld,
                                           ULong serialNew) {
+    bool rollForward = (flags & kFlagRollForward) != 0;
+    flags &= ~kFlagRollForward;
     if (flags & VM_FLAG_RECOVER) {
         qkassert(serialOld == STATUS_NO_SERIAL && serialNew == STATUS_NO_SERIAL);
+    }
+    if (rollForward) {
+        // Only under the marker `committing`, which a commit creates once
+        // every temporary file is whole and synced: then both files move
+        // forward together, so that a commit cut short between any two
+        // renames comes back whole. Without the marker the temporary files
+        // may be partial, and the last commit's files stand. A file that has
+        // no temporary form stays as it is; what the rolling cannot settle
+        // is settled by the reading below.
         LocalBlockServer0 *s = New(dir, index, flags, blockSize, fileBlockSize, minBlockCount);
         if (s == nullptr) return nullptr;
         int saved = errno;
+        int last = QKGetLastError();
         IndexFileCommitNew(s);
+        IndexFileCommitOld(s);
+        QKSetLastError(last);
         errno = saved;
         LocalBlockServer0Close(s);
     }

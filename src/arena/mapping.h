@@ -69,6 +69,10 @@ QK_API bool MemoryMappingLock(MemoryMapping *mapping);
 QK_API void MemoryMappingUnlock(MemoryMapping *mapping);
 // Sets the advice and applies it to every mapping.
 QK_API void MemoryMappingAdvise(MemoryMapping *mapping, int advice);
+// Writes the mapped data up to finalRSize to the file and syncs the file.
+QK_API bool MemoryMappingFlush(MemoryMapping *mapping);
+// Starts reading raw block `rawID` into memory.
+QK_API void MemoryMappingPrefetch(MemoryMapping *mapping, UInt rawID);
 // Called after a flush that wrote blocks; the file system keeps the date.
 QK_API int MemoryMappingSetModificationDate(MemoryMapping *mapping);
 
