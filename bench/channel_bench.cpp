@@ -3,9 +3,6 @@
 // and 16 KiB messages, channels at both ends against plain read and write on
 // the same kind of sockets. The echo reports round trips per second (items)
 // and bytes moved both ways.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -16,6 +13,7 @@
 #include <thread>
 
 #include "compare.h"
+#include "loopback.h"
 #include "qk/channel.h"
 #include "qk/qkcommon.h"
 
@@ -95,23 +93,7 @@ struct Connection {
     int client = -1;
     int server = -1;
 
-    Connection() {
-        int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        struct sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address);
-        listen(listener, 1);
-        socklen_t length = sizeof address;
-        getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
-        client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        connect(client, reinterpret_cast<sockaddr *>(&address), sizeof address);
-        server = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        close(listener);
-        int one = 1;
-        setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        setsockopt(server, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    }
+    Connection() { qkbench::LoopbackPair(&client, &server); }
 };
 
 bool ReadAll(int fd, char *p, size_t size) {

@@ -3,9 +3,6 @@
 // fingerprint and its NUL) against the same exchange done by hand with
 // plain read and write on a socket of the same kind, so that the ratio is
 // what the server's worker, dispatch, client object and channels cost.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -15,6 +12,7 @@
 #include <thread>
 
 #include "compare.h"
+#include "loopback.h"
 #include "qk/qkcommon.h"
 
 namespace {
@@ -85,22 +83,6 @@ void RoundTripServer(benchmark::State &state, QKServerCommandFunction function) 
     state.SetItemsProcessed((int64_t)state.iterations());
 }
 
-// The client's and the server's ends of one loopback connection.
-void Connect(int *client, int *server) {
-    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    listen(listener, 1);
-    socklen_t length = sizeof address;
-    getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
-    *client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    connect(*client, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    *server = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    close(listener);
-}
-
 bool WriteAll(int fd, const char *p, size_t size) {
     while (size > 0) {
         ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
@@ -128,7 +110,7 @@ bool ReadThrough(int fd, std::string *buffer, char end, std::string *message) {
 
 void RoundTripPlain(benchmark::State &state) {
     int client, serverFd;
-    Connect(&client, &serverFd);
+    qkbench::LoopbackPair(&client, &serverFd);
     std::thread server([serverFd] {
         std::string buffer, line;
         while (ReadThrough(serverFd, &buffer, '\n', &line)) {
