@@ -1,6 +1,7 @@
 // A bucket's index files: reading the new generation into the map and its
 // flags, and writing and publishing both files.
 #include "arena/arena_format.h"
+#include "arena/file_atomic.h"
 #include "arena/metadata_io.h"
 
 namespace qk::arena {
@@ -67,7 +68,7 @@ bool Map(LocalBlockServer0 *s, ULong rsize, bool mount) {
 bool CommitIndex(LocalBlockServer0 *s, const char *which, const char *who) {
     char name[kPathSize];
     if (!FormatPath(name, "index%s.%s", s->suffix, which)) return false;
-    if (FileAtomicCommit(s->dir, name)) return true;
+    if (FileAtomicSwap(s->dir, name)) return true;
     QKErrorRethrow("%s: could not atomically commit: \"%s/%s\"", who, s->dir, name);
     return false;
 }

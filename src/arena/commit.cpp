@@ -11,6 +11,7 @@
 
 #include "arena/arena_durable.h"
 #include "arena/block_read.h"
+#include "arena/file_atomic.h"
 #include "qk/frame.h"
 
 using namespace qk::arena;
@@ -26,7 +27,7 @@ LocalBlockServer0 *Bucket(VMArena *arena, UInt i) {
 }
 
 bool CommitArenaFile(VMArena *arena, const char *name) {
-    if (FileAtomicCommit(arena->dir, name)) return true;
+    if (FileAtomicSwap(arena->dir, name)) return true;
     QKErrorRethrow("could not atomically commit: \"%s/%s\"", arena->dir, name);
     return false;
 }

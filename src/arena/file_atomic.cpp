@@ -3,9 +3,11 @@
 // its directory, so at every moment after a crash one of the three names
 // holds a whole file, and FileAtomicRecover finds it.
 #include <errno.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include "arena/arena_path.h"
+#include "arena/file_atomic.h"
 #include "qk/arena.h"
 #include "qk/file.h"
 #include "qk/frame.h"
@@ -28,6 +30,27 @@ bool MakeNames(Names *names, const char *dir, const char *name) {
 }
 
 }  // namespace
+
+namespace qk::arena {
+
+bool FileAtomicSwap(const char *dir, const char *name) {
+    Names names;
+    if (!MakeNames(&names, dir, name)) return false;
+    int saved = errno;
+    if (rename(names.current, names.previous) != 0 && errno != ENOENT) {
+        QKSetLastErrorFromErrno();
+        return false;
+    }
+    if (rename(names.next, names.current) != 0) {
+        QKSetLastErrorFromErrno();
+        return false;
+    }
+    unlink(names.previous);
+    errno = saved;
+    return true;
+}
+
+}  // namespace qk::arena
 
 extern "C" {
 
