@@ -2,6 +2,8 @@
 // of logical blocks, last-in first-out reuse, raw blocks given out lowest
 // first, copy-on-write after a commit, and a random workload checked against
 // a model and the arena's own accounting.
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <map>
@@ -281,6 +283,28 @@ TEST_F(ArenaAllocTest, TooLargeARequestTagsTheArenaAndEnds) {
                           nullptr, nullptr),
               nullptr);
     EXPECT_TRUE(StartsWith(QKErrorMessage(), "Corrupted vm")) << QKErrorMessage();
+}
+
+// A data file that cannot grow (here a file size limit stands for a full
+// disk) makes the allocation fail with the reason; the blocks handed out
+// before stay writable, and nothing faults.
+TEST_F(ArenaAllocTest, AFileThatCannotGrowFailsTheAllocation) {
+    Open();
+    auto fill = [this] {
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit limit = {1 << 20, 1 << 20};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        std::vector<ULong> ids;
+        for (int i = 0; i < 1000; i++) {
+            ULong id = VMArenaBlockNew(arena, 8192, nullptr, NEWGEN);
+            if (id == INVALID_VMARENA_BLOCK_ID) break;
+            ids.push_back(id);
+        }
+        for (ULong id : ids) memset(Write(id), 0xA5, 8192);
+        fprintf(stderr, "%zu blocks; %s\n", ids.size(), QKErrorMessage());
+        _exit(ids.size() >= 8 && ids.size() <= 128 ? 0 : 1);
+    };
+    EXPECT_EXIT(fill(), ::testing::ExitedWithCode(0), "MapAlloc: could not expand mapped file");
 }
 
 // A random mix of allocations, frees, writes and commits, checked against a
