@@ -96,37 +96,19 @@ struct Connection {
     Connection() { qkbench::LoopbackPair(&client, &server); }
 };
 
-bool ReadAll(int fd, char *p, size_t size) {
-    while (size > 0) {
-        ssize_t n = read(fd, p, size);
-        if (n <= 0) return false;
-        p += n;
-        size -= (size_t)n;
-    }
-    return true;
-}
-
-bool WriteAll(int fd, const char *p, size_t size) {
-    while (size > 0) {
-        ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
-        if (n <= 0) return false;
-        p += n;
-        size -= (size_t)n;
-    }
-    return true;
-}
-
 void EchoPlain(benchmark::State &state, size_t size) {
     Connection c;
     std::thread server([&] {
         std::string buffer(size, '\0');
-        while (ReadAll(c.server, &buffer[0], size) && WriteAll(c.server, buffer.data(), size)) {
+        while (qkbench::ReadAll(c.server, &buffer[0], size) &&
+               qkbench::WriteAll(c.server, buffer.data(), size)) {
         }
         close(c.server);
     });
     std::string message(size, 'm'), answer(size, '\0');
     for (auto _ : state) {
-        if (!WriteAll(c.client, message.data(), size) || !ReadAll(c.client, &answer[0], size))
+        if (!qkbench::WriteAll(c.client, message.data(), size) ||
+            !qkbench::ReadAll(c.client, &answer[0], size))
             state.SkipWithError("echo");
     }
     close(c.client);

@@ -1,6 +1,6 @@
-// One TCP connection over loopback for the plain-socket side of a
-// benchmark: both descriptors, with Nagle's delay off on each as the
-// library's channels have it.
+// The plain-socket side of a benchmark: one TCP connection over loopback,
+// with Nagle's delay off on both ends as the library's channels have it,
+// and whole reads and writes on it.
 #pragma once
 
 #include <arpa/inet.h>
@@ -27,6 +27,27 @@ inline void LoopbackPair(int *client, int *server) {
     int one = 1;
     setsockopt(*client, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     setsockopt(*server, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+}
+
+// The whole of `size` bytes, or false at the end of the stream or an error.
+inline bool ReadAll(int fd, char *p, size_t size) {
+    while (size > 0) {
+        ssize_t n = read(fd, p, size);
+        if (n <= 0) return false;
+        p += n;
+        size -= (size_t)n;
+    }
+    return true;
+}
+
+inline bool WriteAll(int fd, const char *p, size_t size) {
+    while (size > 0) {
+        ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
+        if (n <= 0) return false;
+        p += n;
+        size -= (size_t)n;
+    }
+    return true;
 }
 
 }  // namespace qkbench

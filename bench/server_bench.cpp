@@ -83,16 +83,6 @@ void RoundTripServer(benchmark::State &state, QKServerCommandFunction function) 
     state.SetItemsProcessed((int64_t)state.iterations());
 }
 
-bool WriteAll(int fd, const char *p, size_t size) {
-    while (size > 0) {
-        ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
-        if (n <= 0) return false;
-        p += n;
-        size -= (size_t)n;
-    }
-    return true;
-}
-
 // Reads into `buffer` until it holds `end`; the bytes up to and including
 // it are taken out into *message. False at the end of the stream.
 bool ReadThrough(int fd, std::string *buffer, char end, std::string *message) {
@@ -116,13 +106,13 @@ void RoundTripPlain(benchmark::State &state) {
         while (ReadThrough(serverFd, &buffer, '\n', &line)) {
             // "fp TEXT\n"
             std::string reply = FingerprintReply(line.data() + 3, line.size() - 4);
-            if (!WriteAll(serverFd, reply.data(), reply.size())) break;
+            if (!qkbench::WriteAll(serverFd, reply.data(), reply.size())) break;
         }
         close(serverFd);
     });
     std::string request = std::string(kRequest) + "\n", buffer, reply;
     for (auto _ : state) {
-        if (!WriteAll(client, request.data(), request.size()) ||
+        if (!qkbench::WriteAll(client, request.data(), request.size()) ||
             !ReadThrough(client, &buffer, '\0', &reply)) {
             state.SkipWithError("round trip");
             break;

@@ -20,9 +20,6 @@ using namespace qk::arena;
 
 namespace {
 
-constexpr UInt kCreate = VM_FLAG_CREATE | VM_FLAG_MAPPED;
-constexpr UInt kWrite = VM_FLAG_MAPPED;
-
 class ArenaAllocTest : public ::testing::Test {
   protected:
     void SetUp() override { QKLibInit("arenaalloctest"); }

@@ -20,10 +20,6 @@ using namespace qk::arena;
 
 namespace {
 
-constexpr UInt kCreate = VM_FLAG_CREATE | VM_FLAG_MAPPED;
-constexpr UInt kWrite = VM_FLAG_MAPPED;
-constexpr UInt kRead = VM_FLAG_MAPPED | VM_FLAG_READ_ONLY;
-
 ULong SizeOf(const std::string &path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? (ULong)st.st_size : ~0ull;

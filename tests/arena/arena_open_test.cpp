@@ -11,10 +11,6 @@ using namespace qk::arena;
 
 namespace {
 
-constexpr UInt kCreate = VM_FLAG_CREATE | VM_FLAG_MAPPED;
-constexpr UInt kWrite = VM_FLAG_MAPPED;
-constexpr UInt kRead = VM_FLAG_MAPPED | VM_FLAG_READ_ONLY;
-
 std::string EmptyNewGen(UInt buckets) {
     std::string bytes = LE(buckets, 8);
     for (int c = 0; c < 16; c++) bytes += Packed(1, {});

@@ -15,6 +15,11 @@
 
 namespace arenatest {
 
+// Open flags of the tests: make, write, read.
+constexpr UInt kCreate = VM_FLAG_CREATE | VM_FLAG_MAPPED;
+constexpr UInt kWrite = VM_FLAG_MAPPED;
+constexpr UInt kRead = VM_FLAG_MAPPED | VM_FLAG_READ_ONLY;
+
 // `value` in `width` bytes, least significant first.
 inline std::string LE(ULong value, int width) {
     std::string bytes;

@@ -1,7 +1,7 @@
 /*
  * The fault layer of the crash tests (see crash_fault.h). Written in C so
  * that its definitions of the libc functions match the system's
- * declarations without the exception specifications of C++.
+ * declarations, which C++ would see with `throw ()` attached.
  */
 #undef _FORTIFY_SOURCE
 #define _GNU_SOURCE 1
