@@ -4,7 +4,8 @@
 // Writing walks data0 and then the fragments in order. Reading puts all the
 // elements in one new data0 block, allocated through the array's callback
 // after the old block went back through its own; the fragments stay, so that
-// later appends land in them.
+// later appends land in them. The block grows as the elements come, so that
+// a damaged count costs no more memory than the channel delivers.
 #include <string.h>
 
 #include "channel/channel_internal.h"
@@ -15,6 +16,8 @@ namespace {
 
 // The most bytes handed to one buffered call.
 constexpr size_t kPiece = 1u << 30;
+// The most elements of the first round of a read; each round then doubles.
+constexpr UInt kFirstElements = 1u << 16;
 
 ULong FragmentElements(const FArray *array, unsigned k) {
     return k < 2 ? (ULong)array->blockSize : (ULong)array->blockSize << (k - 1);
@@ -59,9 +62,10 @@ int ReadBytes(Channel *channel, char *bytes, size_t size) {
     return 1;
 }
 
-// Reads the count and makes data0 a block of that many elements; the array
-// then holds no element until `fill` has read them. fill(block, count, &read)
-// returns 1, or 0 with the number of elements read in full in `read`.
+// Reads the count, then the elements in rounds into data0, which grows to
+// hold each round; the array holds no element until all have come.
+// fill(block, count, &read) returns 1, or 0 with the number of elements read
+// in full in `read`.
 template <typename Fill>
 int Read(FArray *array, Channel *channel, size_t eltSize, const char *file, int line, Fill fill) {
     ULong count;
@@ -79,18 +83,20 @@ int Read(FArray *array, Channel *channel, size_t eltSize, const char *file, int 
         array->data0 = nullptr;
     }
     array->length0 = 0;
-    if (count > 0) {
+    for (UInt have = 0; have < count; have = array->length0) {
+        ULong room = have == 0 ? kFirstElements : 2 * (ULong)have;
+        if (room > count) room = count;
         int ok = 1;
         void *block =
-            array->alloc(nullptr, (size_t)count * eltSize, &ok, array->userData, file, line);
+            array->alloc(array->data0, (size_t)room * eltSize, &ok, array->userData, file, line);
         if (!ok) return 0;
         array->data0 = block;
-        array->length0 = (UInt)count;
-    }
-    UInt read = 0;
-    if (!fill(static_cast<char *>(array->data0), (UInt)count, &read)) {
-        array->length = read;
-        return 0;
+        array->length0 = (UInt)room;
+        UInt read = 0;
+        if (!fill(static_cast<char *>(block) + (size_t)have * eltSize, (UInt)room - have, &read)) {
+            array->length = have + read;
+            return 0;
+        }
     }
     array->length = (UInt)count;
     return 1;

@@ -14,6 +14,10 @@ namespace {
 // The most elements an Array read from a stream may hold: what the arrays
 // can grow to. A larger count is no valid stream.
 constexpr ULong kMaxCount = 0x7FFFFFFFu;
+// The most bytes of the first piece of a byte Array's read; each piece then
+// doubles what came, so that a damaged length costs no more memory than the
+// stream delivers.
+constexpr UInt kFirstPiece = 1u << 16;
 
 bool CountFits(ULong count) {
     if (count <= kMaxCount) return true;
@@ -77,11 +81,16 @@ QK_API int ChannelReadByteArray(Channel *channel, void *byteArray) {
     ULong length;
     if (!ChannelReadIntegerLE(channel, &length, 4) || !CountFits(length)) return 0;
     array->length = 0;
-    ArrayEnsure(*array, length + 1);
-    UInt count = 0;
-    int result = ChannelReadBuf(channel, array->data, (UInt)length, &count);
-    array->length = count;
-    array->data[count] = 0;
+    int result = 0;
+    do {
+        UInt piece = array->length > kFirstPiece ? array->length : kFirstPiece;
+        if (piece > length - array->length) piece = (UInt)(length - array->length);
+        ArrayEnsure(*array, array->length + piece + 1);
+        UInt count = 0;
+        result = ChannelReadBuf(channel, array->data + array->length, piece, &count);
+        array->length += count;
+    } while (result == 0 && array->length < length);
+    array->data[array->length] = 0;
     return result == 0 ? 1 : FailRead(result);
 }
 

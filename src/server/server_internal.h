@@ -141,9 +141,11 @@ struct QKServer {
 
 namespace qk::server {
 
-// Channel time-outs in milliseconds from seconds, 0 or below meaning none.
+// Channel time-outs in milliseconds from seconds, 0 or below meaning none;
+// a time-out beyond what the milliseconds hold is the longest they hold.
 inline Int Millis(Int seconds) {
-    return seconds > 0 ? seconds * 1000 : -1;
+    if (seconds <= 0) return -1;
+    return seconds < 0x7FFFFFFF / 1000 ? seconds * 1000 : 0x7FFFFFFF;
 }
 
 inline bool IsBlank(int c) {
