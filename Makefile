@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test run asan tsan bench bench-server format clean
+.PHONY: all deps build test run asan tsan bench bench-server fuzz format clean
 
 all: build
 
@@ -50,8 +50,19 @@ bench-server:
 	cmake --build build-bench -j $(JOBS)
 	./bench/server_bench.sh build-bench
 
+# libFuzzer targets under clang with AddressSanitizer and UBSan (see
+# tests/fuzz/): each runs FUZZ_SECONDS seconds on a scratch copy of its seed
+# corpus; any crash, leak or sanitizer report fails.
+FUZZ_SECONDS ?= 60
+fuzz:
+	./scripts/install-deps.sh --dev
+	cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+		-DCMAKE_CXX_COMPILER=clang++ -DQK_BUILD_FUZZ=ON -DQK_BUILD_TESTS=OFF
+	cmake --build build-fuzz -j $(JOBS) --target qkfuzz
+	./tests/fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
+
 format:
 	find include src tests tools bench -name '*.[ch]' -o -name '*.cpp' -o -name '*.hpp' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) build-asan build-tsan build-bench
+	rm -rf $(BUILD) build-asan build-tsan build-bench build-fuzz

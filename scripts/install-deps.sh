@@ -1,6 +1,7 @@
 #!/bin/bash
-# Installs the Debian packages that the build, the tests and (with --bench)
-# the benchmarks need, when any is missing. Needs root or sudo for apt-get.
+# Installs the Debian packages that the build, the tests, (with --bench) the
+# benchmarks and (with --dev) the fuzzing and coverage tools need, when any is
+# missing. Needs root or sudo for apt-get.
 set -euo pipefail
 
 packages=(
@@ -15,9 +16,15 @@ bench_packages=(
     robin-map-dev libcmph-dev wamerican liblmdb-dev
     wrk nginx-light
 )
-if [[ "${1:-}" == "--bench" ]]; then
-    packages+=("${bench_packages[@]}")
-fi
+dev_packages=(
+    clang libclang-rt-14-dev gcovr
+)
+for option in "$@"; do
+    case "$option" in
+        --bench) packages+=("${bench_packages[@]}") ;;
+        --dev) packages+=("${dev_packages[@]}") ;;
+    esac
+done
 
 missing=()
 for package in "${packages[@]}"; do
