@@ -1,208 +1,115 @@
 // The thread's error state: codes, texts, wrapping, saving and locations.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <string.h>
-
-#include <string>
-#include <thread>
-
-#include "qk/qkcommon.h"
+#include "frame/frame_test.h"
 
 namespace {
 
-class ErrorTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        QKLibInit("errortest");
+using ErrorTest = FrameTest;
+
+// Each case makes an error state; its text and code follow, and reading the
+// text turns whatever was pending into the thread's record (errno -2).
+TEST_F(ErrorTest, TextAndCodeOfEachKindOfError) {
+    const std::string big(1500, 'x'), fits(1020, 'y');
+    const std::tuple<std::function<void()>, std::string, ULong> cases[] = {
+        {[] { QKSetLastError(EACCES), errno = -1; }, strerror(EACCES), QK_ERROR_CODE(EACCES, 1)},
+        {[] {
+             errno = ENOENT, QKSetLastErrorFromErrno();
+             EXPECT_EQ(errno, -1);
+         },
+         strerror(ENOENT), QK_ERROR_CODE(ENOENT, 1)},
+        {[] { errno = ENOENT; }, strerror(ENOENT), QK_ERROR_CODE(ENOENT, 0)},
+        {[] { errno = 0; }, strerror(0), 0},
+        {[] { QKErrorThrow(1, 2, "invalid log serial number: 0x%I64x", 0x1234567890abULL); },
+         "invalid log serial number: 0x1234567890ab", QK_ERROR_CODE(1, 2)},
+        {[] { QKErrorThrow(3, 2, "bad magic"), QKErrorThrow(7, 2, "read EOF"); }, "read EOF",
+         QK_ERROR_CODE(7, 2)},
+        {[] { QKErrorThrow(5, 2, "t"), QKErrorRethrow("a"), QKErrorRethrow("b"); }, "b: a: t",
+         QK_ERROR_CODE(5, 2)},
+        {[] { QKSetLastError(ENOSPC), errno = -1, QKErrorRethrow("cannot write %s", "x"); },
+         std::string("cannot write x: ") + strerror(ENOSPC), QK_ERROR_CODE(ENOSPC, 1)},
+        // A wrapping text too long for the old text to follow replaces it.
+        {[&] { QKErrorThrow(1, 2, "old"), QKErrorRethrow("%s", big.c_str()); }, big.substr(0, 1023),
+         QK_ERROR_CODE(1, 2)},
+        {[&] { QKErrorThrow(1, 2, "old"), QKErrorRethrow("%s", fits.c_str()); }, fits + ": o",
+         QK_ERROR_CODE(1, 2)},
+        // Restore brings back the first error, whatever came after; saving
+        // turns a pending errno into a record.
+        {[] {
+             QKErrorThrow(2, 2, "read timeout"), QKErrorSave();
+             QKErrorThrow(0, 2, "clean-up failed");
+             EXPECT_STREQ(QKErrorMessage(), "clean-up failed");
+             QKErrorRestore();
+         },
+         "read timeout", QK_ERROR_CODE(2, 2)},
+        {[] { errno = EINTR, QKErrorSave(), errno = 0, QKErrorRestore(); }, strerror(EINTR),
+         QK_ERROR_CODE(EINTR, 0)},
+    };
+    for (const auto &[make, text, code] : cases) {
         QKErrorClear();
+        make();
+        EXPECT_EQ(QKErrorCode(), code) << text;
+        EXPECT_EQ(QKErrorMessage(), text);
+        EXPECT_EQ(errno, -2);
+        EXPECT_EQ(QKErrorCode(), code) << text;
     }
-};
-
-TEST_F(ErrorTest, OsErrorKeepsItsCodeOnceTurnedIntoARecord) {
-    QKSetLastError(EACCES);
-    errno = -1;
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(EACCES, 1));
-    EXPECT_STREQ(QKErrorMessage(), strerror(EACCES));
-    EXPECT_EQ(errno, -2);
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(EACCES, 1));
-    EXPECT_EQ(QKErrorCode() >> 32, 1u);
 }
 
-TEST_F(ErrorTest, FailedSystemCallRecordsItsErrno) {
-    errno = ENOENT;
-    QKSetLastErrorFromErrno();
-    EXPECT_EQ(errno, -1);
-    EXPECT_EQ(QKGetLastError(), ENOENT);
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(ENOENT, 1));
-}
-
-TEST_F(ErrorTest, RuntimeErrnoHasDomainZero) {
-    errno = ENOENT;
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(ENOENT, 0));
-    EXPECT_STREQ(QKErrorMessage(), strerror(ENOENT));
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(ENOENT, 0));
-}
-
-TEST_F(ErrorTest, ZeroErrnoTakesTheRuntimeTextBranch) {
-    errno = 0;
-    std::string expected = strerror(0);
-    errno = 0;
-    EXPECT_EQ(QKErrorMessage(), expected);
-    EXPECT_EQ(errno, -2);
-    EXPECT_EQ(QKErrorCode(), 0u);
-}
-
-TEST_F(ErrorTest, ThrowFormatsWithSixtyFourBitConversions) {
-    QKErrorThrow(1, 2, "invalid log serial number: 0x%I64x", (unsigned long long)0x1234567890abULL);
-    EXPECT_EQ(errno, -2);
-    EXPECT_STREQ(QKErrorMessage(), "invalid log serial number: 0x1234567890ab");
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(1, 2));
-}
-
-TEST_F(ErrorTest, NewThrowReplacesTheCurrentError) {
-    QKErrorThrow(3, 2, "bad magic");
-    QKErrorThrow(7, 2, "read EOF");
-    EXPECT_STREQ(QKErrorMessage(), "read EOF");
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(7, 2));
-}
-
-TEST_F(ErrorTest, RethrowPutsEachCallersWordsInFrontAndKeepsTheCode) {
-    QKErrorThrow(5, 2, "t");
-    QKErrorRethrow("a");
-    QKErrorRethrow("b");
-    EXPECT_STREQ(QKErrorMessage(), "b: a: t");
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(5, 2));
-}
-
-TEST_F(ErrorTest, RethrowOfAPendingOsErrorWrapsItsText) {
-    QKSetLastError(ENOSPC);
-    errno = -1;
-    QKErrorRethrow("cannot write %s", "x");
-    EXPECT_EQ(std::string(QKErrorMessage()), std::string("cannot write x: ") + strerror(ENOSPC));
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(ENOSPC, 1));
-}
-
-TEST_F(ErrorTest, LongRethrowTextLosesTheOldText) {
-    QKErrorThrow(1, 2, "old");
-    std::string big(1500, 'x');
-    QKErrorRethrow("%s", big.c_str());
-    EXPECT_EQ(strlen(QKErrorMessage()), 1023u);
-    EXPECT_EQ(std::string(QKErrorMessage()), big.substr(0, 1023));
-
-    QKErrorThrow(1, 2, "old");
-    std::string fits(1020, 'y');
-    QKErrorRethrow("%s", fits.c_str());
-    EXPECT_EQ(std::string(QKErrorMessage()), fits + ": o");
-}
-
-TEST_F(ErrorTest, SaveAndRestoreKeepTheFirstError) {
-    QKErrorThrow(2, 2, "read timeout");
-    QKErrorSave();
-    EXPECT_EQ(errno, -2);
-    QKErrorThrow(0, 2, "clean-up failed");
-    EXPECT_STREQ(QKErrorMessage(), "clean-up failed");
-    QKErrorRestore();
-    EXPECT_EQ(errno, -2);
-    EXPECT_STREQ(QKErrorMessage(), "read timeout");
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(2, 2));
-}
-
+// Saved errors stack; a failing, saving loop takes its records from the
+// spare list; clearing keeps the record for reuse. Restoring with nothing
+// saved, and throwing in a thread without a context, are assertions.
 TEST_F(ErrorTest, SavedErrorsStackAndRecordsAreRecycled) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(QKErrorRestore(), "'context != NULL && context->saved != NULL' failed");
+    EXPECT_DEATH(std::thread([] { QKErrorThrow_(1, 2, "x"); }).join(), "'! create' failed");
     QKErrorThrow(1, 2, "first");
     QKErrorSave();
     QKErrorThrow(2, 2, "second");
     QKErrorSave();
     MessageContext *context = QKSetMessageContext_(__FILE__, __LINE__, 4, 0);
-    ErrorContext *cleanup = nullptr;
     QKErrorThrow(3, 2, "third");
-    cleanup = context->error;
+    ErrorContext *third = context->error;
     QKErrorRestore();
     EXPECT_STREQ(QKErrorMessage(), "second");
-    EXPECT_EQ(context->spare, cleanup);
+    EXPECT_EQ(context->spare, third);
     QKErrorRestore();
-    EXPECT_STREQ(QKErrorMessage(), "first");
-    // A failing, saving loop takes its records from the spare list.
-    for (int i = 0; i < 100; i++) {
-        QKErrorSave();
-        QKErrorThrow(i, 2, "loop %d", i);
-        QKErrorRestore();
-    }
+    for (int i = 0; i < 100; i++) QKErrorSave(), QKErrorThrow(i, 2, "loop %d", i), QKErrorRestore();
     EXPECT_STREQ(QKErrorMessage(), "first");
     int spares = 0;
     for (ErrorContext *r = context->spare; r; r = r->next) spares++;
     EXPECT_LE(spares, 2);
-}
-
-TEST_F(ErrorTest, SaveTurnsAPendingErrnoIntoARecord) {
-    errno = EINTR;
-    QKErrorSave();
-    errno = 0;
-    QKErrorRestore();
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(EINTR, 0));
-    EXPECT_STREQ(QKErrorMessage(), strerror(EINTR));
-}
-
-TEST_F(ErrorTest, LocationIsRelativeToTheLibraryTree) {
-    QKSetMessageContext_("/home/build/qk/src/frame/error.cpp", 42, 4, 0);
-    QKErrorThrow_(1, 2, "x");
-    int line = -1;
-    EXPECT_STREQ(QKErrorLocation(&line), "frame/error.cpp");
-    EXPECT_EQ(line, 42);
-
-    // The search starts at the second character.
-    QKSetMessageContext_("/qk/src/a.c", 7, 4, 0);
-    QKErrorThrow_(1, 2, "x");
-    EXPECT_STREQ(QKErrorLocation(&line), "/qk/src/a.c");
-    EXPECT_EQ(line, 7);
-
-    int here = __LINE__ + 1;
-    QKErrorThrow(1, 2, "x");
-    EXPECT_STREQ(QKErrorLocation(&line), __FILE__);
-    EXPECT_EQ(line, here);
-}
-
-TEST_F(ErrorTest, AThreadWithoutAnErrorHasNoLocation) {
-    std::thread([] {
-        int line = -1;
-        EXPECT_STREQ(QKErrorLocation(&line), "(no file)");
-        EXPECT_EQ(line, 0);
-    }).join();
-}
-
-TEST_F(ErrorTest, ClearKeepsTheRecordForReuse) {
-    QKErrorThrow(1, 2, "x");
-    MessageContext *context = QKSetMessageContext_(__FILE__, __LINE__, 0, 0);
     ErrorContext *record = context->error;
     QKErrorClear();
-    EXPECT_EQ(errno, 0);
-    EXPECT_EQ(context->error, record);
+    EXPECT_EQ(std::tuple(errno, context->error), std::tuple(0, record));
 }
 
-TEST_F(ErrorTest, ErrorsAreKeptPerThread) {
+// The location of the thread's error, "file:line".
+std::string Location() {
+    int line = -1;
+    const char *file = QKErrorLocation(&line);
+    return file + (":" + std::to_string(line));
+}
+
+// The location is relative to the library's tree, whose marker is looked
+// for from the second character on. A thread has its own error, and none at
+// first; with a context set, a throw works there.
+TEST_F(ErrorTest, LocationsAndThreads) {
+    for (auto [file, expected] :
+         {std::pair("/home/build/qk/src/frame/error.cpp", "frame/error.cpp:42"),
+          {"/qk/src/a.c", "/qk/src/a.c:42"}}) {
+        QKSetMessageContext_(file, 42, 4, 0);
+        QKErrorThrow_(1, 2, "x");
+        EXPECT_EQ(Location(), expected);
+    }
+    int line = __LINE__ + 1;
     QKErrorThrow(1, 2, "main");
+    EXPECT_EQ(Location(), __FILE__ + (":" + std::to_string(line)));
     std::thread([] {
-        QKErrorThrow(6, 2, "not supported");
+        EXPECT_EQ(Location(), "(no file):0");
+        QKSetMessageContext_(__FILE__, __LINE__, 4, 0);
+        QKErrorThrow_(6, 2, "not supported");
         EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(6, 2));
         EXPECT_STREQ(QKErrorMessage(), "not supported");
     }).join();
     EXPECT_STREQ(QKErrorMessage(), "main");
-}
-
-using ErrorDeathTest = ErrorTest;
-
-TEST_F(ErrorDeathTest, RestoreWithAnEmptyStackIsAnAssertion) {
-    EXPECT_DEATH(QKErrorRestore(), "'context != NULL && context->saved != NULL' failed");
-}
-
-TEST_F(ErrorDeathTest, ThrowWithoutAContextIsAnAssertion) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(std::thread([] { QKErrorThrow_(1, 2, "x"); }).join(), "'! create' failed");
-    // With a context set first, the same throw works.
-    std::thread([] {
-        QKSetMessageContext_(__FILE__, __LINE__, 4, 0);
-        QKErrorThrow_(1, 2, "x");
-        EXPECT_STREQ(QKErrorMessage(), "x");
-    }).join();
 }
 
 }  // namespace

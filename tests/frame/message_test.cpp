@@ -1,150 +1,87 @@
-// Messages, the state of a thread, the program name, version and hooks.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <pthread.h>
-#include <stdio.h>
-#include <string.h>
+// Messages and their default lines, the state of a thread, its name, the
+// program name, version and the ending hooks.
 #include <sys/utsname.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "qk/qkcommon.h"
+#include "frame/frame_test.h"
 
 namespace {
 
 // Collects what the default handler writes on one of its two streams.
 class StreamCapture {
   public:
-    explicit StreamCapture(int which) : which_(which), file_(tmpfile()) {
-        QKSetMessageStream(which_, file_);
-    }
-    ~StreamCapture() {
-        QKSetMessageStream(which_, nullptr);
-        fclose(file_);
-    }
+    explicit StreamCapture(int which) : which_(which) { QKSetMessageStream(which_, file_); }
+    ~StreamCapture() { QKSetMessageStream(which_, nullptr), fclose(file_); }
     std::string Text() {
-        fflush(file_);
-        std::string text;
+        std::string text(4096, '\0');
         rewind(file_);
-        char chunk[512];
-        size_t n;
-        while ((n = fread(chunk, 1, sizeof chunk, file_)) > 0) text.append(chunk, n);
-        return text;
+        return text.substr(0, fread(text.data(), 1, text.size(), file_));
     }
 
   private:
     int which_;
-    FILE *file_;
+    FILE *file_ = tmpfile();
 };
 
-class MessageTest : public ::testing::Test {
+class MessageTest : public FrameTest {
   protected:
-    void SetUp() override { QKLibInit("msgtest"); }
     void TearDown() override { QKSetMessageHandler(nullptr); }
 };
 
-TEST_F(MessageTest, ErrorLevelNamesProgramAndSourcePosition) {
-    StreamCapture err(1);
-    int line = __LINE__ + 1;
-    QKError("cannot open %s", "x.dat");
-    EXPECT_EQ(err.Text(),
-              "msgtest: \"message_test.cpp:" + std::to_string(line) + "\": cannot open x.dat\r\n");
+// Levels below 3 go to the output stream, the others to the error stream
+// after the program name and the source position, which a leading colon
+// hides; level 2 has a time stamp; the text of the pending error follows
+// where asked for.
+TEST_F(MessageTest, DefaultHandlerLines) {
+    const std::tuple<int, int, std::function<void()>, std::string, std::string> cases[] = {
+        {3, 0, [] { QKMessage_("cannot open %s", "x.dat"); }, "",
+         R"(frametest: "message\.cpp:77": cannot open x\.dat\r\n)"},
+        {3, 0, [] { QKMessage_(":unknown version: %u.%u", 7u, 1u); }, "",
+         R"(frametest: unknown version: 7\.1\r\n)"},
+        {0, 0, [] { QKMessage_(":plain"); }, R"(:plain\r\n)", ""},
+        {2, 0, [] { QKMessage_(":progress"); },
+         R"(\[\d{4}/\d{2}/\d{2}-\d{2}:\d{2}:\d{2}\] :progress\r\n)", ""},
+        {0, 0, [] { QKMessage_("stat %I64u", 1ull << 40); }, R"(stat 1099511627776\r\n)", ""},
+        {1, 0, [] { QKMessage_("dump"); }, R"(dump\r\n)", ""},
+        {3, 1, [] { QKSetLastError(ENOENT), errno = -1, QKMessage_(":open failed"); }, "",
+         std::string("frametest: open failed: ") + strerror(ENOENT) + "\r\n"},
+    };
+    for (const auto &[level, showError, emit, out, err] : cases) {
+        StreamCapture outCapture(0), errCapture(1);
+        QKSetMessageContext_("/src\\frame/message.cpp", 77, level, showError);
+        emit();
+        EXPECT_TRUE(std::regex_match(outCapture.Text(), std::regex(out))) << outCapture.Text();
+        EXPECT_TRUE(std::regex_match(errCapture.Text(), std::regex(err))) << errCapture.Text();
+    }
+    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(ENOENT, 1));  // the error stays
+    EXPECT_EQ(std::tuple(QKGetMessageStream(0), QKGetMessageStream(1), QKGetMessageStream(5)),
+              std::tuple(stdout, stderr, stderr));
 }
 
-TEST_F(MessageTest, LeadingColonHidesThePositionAtErrorLevelsOnly) {
-    StreamCapture out(0), err(1);
-    QKError(":unknown version: %u.%u", 7u, 1u);
-    EXPECT_EQ(err.Text(), "msgtest: unknown version: 7.1\r\n");
-    QKMessage(0, ":plain");
-    EXPECT_EQ(out.Text(), ":plain\r\n");
-    QKMessage(2, ":progress");
-    std::regex stamped(R"(:plain\r\n\[\d{4}/\d{2}/\d{2}-\d{2}:\d{2}:\d{2}\] :progress\r\n)");
-    EXPECT_TRUE(std::regex_match(out.Text(), stamped)) << out.Text();
-}
-
-TEST_F(MessageTest, LevelsBelowThreeGoToTheOutputStream) {
-    StreamCapture out(0), err(1);
-    QKMessage(0, "stat %I64u", (unsigned long long)1 << 40);
-    QKMessage(1, "dump");
-    EXPECT_EQ(out.Text(), "stat 1099511627776\r\ndump\r\n");
-    EXPECT_EQ(err.Text(), "");
-}
-
-TEST_F(MessageTest, ShowErrorAppendsThePendingErrorText) {
-    StreamCapture err(1);
-    QKSetLastError(ENOENT);
-    errno = -1;
-    QKMessageSys(3, ":open failed");
-    EXPECT_EQ(err.Text(), std::string("msgtest: open failed: ") + strerror(ENOENT) + "\r\n");
-    EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(ENOENT, 1));
-}
-
-struct Seen {
-    std::string file, text;
-    int line = 0, level = -1, showError = -1;
-};
-Seen seen;
-
-void RecordingHandler(const char *file, int line, int level, int showError, const char *format,
-                      va_list args) {
-    char text[256];
-    vsnprintf(text, sizeof text, format, args);
-    seen = {file, text, line, level, showError};
-}
-
-TEST_F(MessageTest, ReplacedHandlerReceivesTheContextFields) {
-    QKSetMessageHandler(RecordingHandler);
-    int line = __LINE__ + 1;
-    QKMessageSys(2, "n=%d", 12);
-    EXPECT_EQ(seen.file, __FILE__);
-    EXPECT_EQ(seen.line, line);
-    EXPECT_EQ(seen.level, 2);
-    EXPECT_EQ(seen.showError, 1);
-    EXPECT_EQ(seen.text, "n=12");
-    QKSetMessageHandler(nullptr);
-    StreamCapture out(0);
-    QKMessage(0, "back");
-    EXPECT_EQ(out.Text(), "back\r\n");
-}
-
-TEST_F(MessageTest, StreamsDefaultToStandardOutputAndError) {
-    EXPECT_EQ(QKGetMessageStream(0), stdout);
-    EXPECT_EQ(QKGetMessageStream(1), stderr);
-    EXPECT_EQ(QKGetMessageStream(5), stderr);
-}
-
-TEST_F(MessageTest, StateIsDeclaredAndCleared) {
+TEST_F(MessageTest, StateAndNameOfAThread) {
     std::thread([] {
         EXPECT_EQ(QKGetState(), nullptr);
+        QKStateClear();  // a thread without a state
         int line = __LINE__ + 1;
         QKState("indexing %s", "doc 7");
         const MessageState *state = QKGetState();
         ASSERT_NE(state, nullptr);
-        EXPECT_STREQ((const char *)state->text.data, "indexing doc 7");
-        EXPECT_EQ(state->text.length, strlen("indexing doc 7"));
+        EXPECT_EQ(std::string((const char *)state->text.data, state->text.length + 1),
+                  std::string("indexing doc 7") + '\0');
         EXPECT_GE(state->text.capacity, 258u);
-        EXPECT_STREQ(state->stateFile, __FILE__);
-        EXPECT_EQ(state->stateLine, line);
+        EXPECT_EQ(state->stateFile + (":" + std::to_string(state->stateLine)),
+                  __FILE__ + (":" + std::to_string(line)));
         // Microseconds since 1601: later than 2020 in that count.
         EXPECT_GT(state->stateTime, 13222310400000000ull);
-        std::string big(2000, 'z');
-        QKState("%s", big.c_str());
+        QKState("%s", std::string(2000, 'z').c_str());
         EXPECT_EQ(strlen((const char *)QKGetState()->text.data), 1023u);
         QKStateClear();
         EXPECT_EQ(QKGetState(), nullptr);
-    }).join();
-}
-
-TEST_F(MessageTest, ThreadNameStartsAsTheThreadIdentifier) {
-    std::thread([] {
+        // The name starts as the thread's identifier; the kernel's copy is
+        // 15 bytes long.
         EXPECT_EQ(std::string(ThreadGetName()), std::to_string(ThreadId()));
-        std::string longName(300, 'n');
-        longName.replace(0, 20, "worker-with-long-nam");
+        std::string longName = "worker-with-long-nam" + std::string(280, 'n');
         ThreadSetName(longName.c_str());
         EXPECT_EQ(std::string(ThreadGetName()), longName.substr(0, 255));
         char kernelName[32] = {0};
@@ -155,27 +92,26 @@ TEST_F(MessageTest, ThreadNameStartsAsTheThreadIdentifier) {
     }).join();
 }
 
-TEST_F(MessageTest, ProgramNameIsTheBaseNameAfterEitherSeparator) {
-    QKLibInit("C:\\tools\\bin/sub\\crawler.exe");
-    EXPECT_STREQ(QKProgramName(), "crawler.exe");
-    QKLibInit(nullptr);
-    EXPECT_STREQ(QKProgramName(), "crawler.exe");
-    std::string longName = "/dir/" + std::string(300, 'p');
-    QKLibInit(longName.c_str());
-    EXPECT_EQ(std::string(QKProgramName()), std::string(260, 'p'));
-    QKLibInit("msgtest");
-}
-
-TEST_F(MessageTest, VersionAndSystemIdentity) {
-    EXPECT_EQ(QKVersionMajor(), 4);
-    EXPECT_EQ(QKVersionMinor(), 5);
-    EXPECT_EQ(QKVersionBuild(), 68);
-    EXPECT_EQ(QKVersionBranchBuild(), 23);
-    if (QKVersionBranch()) {
-        EXPECT_STREQ(QKVersionString(), "4.5.68.23");
-    } else {
-        EXPECT_STREQ(QKVersionString(), "4.5.68");
+// The program name is the base name after either separator, 260 bytes at
+// most; none keeps it. Starts racing from several threads all return
+// started.
+TEST_F(MessageTest, ProgramNameVersionAndSystem) {
+    const std::string longName = "/dir/" + std::string(300, 'p');
+    for (auto [name, expected] : {std::pair("C:\\tools\\bin/sub\\crawler.exe", "crawler.exe"),
+                                  {nullptr, "crawler.exe"},
+                                  {longName.c_str(), longName.c_str() + 45}}) {
+        QKLibInit(name);
+        EXPECT_STREQ(QKProgramName(), expected);
     }
+    const char *version = QKVersionBranch() ? "4.5.68.23" : "4.5.68";
+    EXPECT_EQ(
+        std::tuple(QKVersionMajor(), QKVersionMinor(), QKVersionBuild(), QKVersionBranchBuild()),
+        std::tuple(4, 5, 68, 23));
+    EXPECT_STREQ(QKVersionString(), version);
+    RunAtOnce(8, [&](int) {
+        QKLibInit(nullptr);
+        EXPECT_STREQ(QKVersionString(), version);
+    });
 #if defined(__x86_64__)
     EXPECT_STREQ(QKArchitecture(), "x86_64-linux");
 #endif
@@ -183,8 +119,7 @@ TEST_F(MessageTest, VersionAndSystemIdentity) {
     ASSERT_EQ(uname(&name), 0);
     unsigned major = 0, minor = 0;
     sscanf(name.release, "%u.%u", &major, &minor);
-    EXPECT_EQ(KernelVersionMajor(), major);
-    EXPECT_EQ(KernelVersionMinor(), minor);
+    EXPECT_EQ(std::tuple(KernelVersionMajor(), KernelVersionMinor()), std::tuple(major, minor));
     EXPECT_EQ(std::string(KernelVersionString())
                   .rfind(std::string(name.sysname) + " " + name.release + " (build ", 0),
               0u);
@@ -194,57 +129,30 @@ TEST_F(MessageTest, VersionAndSystemIdentity) {
     EXPECT_GE(GetProcessUptime(), 0);
 }
 
-TEST_F(MessageTest, ConcurrentStartsAllReturnStarted) {
-    std::vector<std::thread> threads;
-    std::atomic<int> ready{0};
-    for (int i = 0; i < 8; i++) {
-        threads.emplace_back([&] {
-            ready++;
-            while (ready.load() < 8) {
-            }
-            QKLibInit(nullptr);
-            EXPECT_STREQ(QKVersionString(), QKVersionBranch() ? "4.5.68.23" : "4.5.68");
-        });
-    }
-    for (auto &t : threads) t.join();
-}
-
-int exitStatus = -1;
-void RecordExit(int status) {
-    exitStatus = status;
-}
-
-TEST_F(MessageTest, ExitGoesThroughTheHook) {
-    QKSetExit(RecordExit);
+// QKExit goes through its hook; a fatal message ends the process even if
+// the handler returns; an assertion writes its expression.
+TEST_F(MessageTest, ExitFatalMessagesAndAssertions) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    static int exitStatus = -1;
+    QKSetExit([](int status) { exitStatus = status; });
     QKExit(3);
     EXPECT_EQ(exitStatus, 3);
     QKSetExit(exit);
-}
-
-using MessageDeathTest = MessageTest;
-
-void NoisyAbortHook(const char *expression, const char *file, int line) {
-    fprintf(stderr, "abort hook: %s at %s:%d\n", expression, file ? "file" : "none", line > 0);
-}
-
-void SilentHandler(const char *, int, int, int, const char *, va_list) {}
-
-TEST_F(MessageDeathTest, FatalMessageEndsTheProcessEvenIfTheHandlerReturns) {
+    auto noisy = [](const char *expression, const char *file, int line) {
+        fprintf(stderr, "abort hook: %s at %s:%d\n", expression, file ? "file" : "none", line > 0);
+    };
     EXPECT_EXIT(
         {
-            QKSetAbort(NoisyAbortHook);
-            QKSetMessageHandler(SilentHandler);
+            QKSetAbort(noisy);
+            QKSetMessageHandler([](const char *, int, int, int, const char *, va_list) {});
             QKFatal("going down");
         },
         ::testing::ExitedWithCode(1), "abort hook: message handler at file:1");
     EXPECT_EXIT(QKFatal("fatal %d", 9), ::testing::ExitedWithCode(1),
-                "msgtest: \"message_test.cpp:[0-9]+\": fatal 9");
-}
-
-TEST_F(MessageDeathTest, AssertionWritesItsExpressionAndAborts) {
+                "frametest: \"message_test.cpp:[0-9]+\": fatal 9");
     EXPECT_DEATH(
         {
-            QKSetAbort(NoisyAbortHook);
+            QKSetAbort(noisy);
             int two = 2;
             qkassert(two == 3);
         },

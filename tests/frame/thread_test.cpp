@@ -1,57 +1,19 @@
 // Threads: results through join, slot reuse, detaching, names, priorities,
-// creation hooks and thread variables with their destructors.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <pthread.h>
+// creation hooks, and thread variables with their destructors.
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <mutex>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
+#include "frame/frame_test.h"
 #include "frame/internal.h"
-#include "qk/qkcommon.h"
 
 namespace {
 
-// Spins until `done` holds; false when it did not within a generous limit.
-template <class Predicate>
-bool WaitFor(Predicate done) {
-    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > limit) return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
-
-// The size of the results table and the number of its slots in use.
-struct Slots {
+// The number of slots in use in the results table, and its size.
+std::pair<UInt, UInt> Slots() {
     UInt length, inUse;
-};
-Slots SlotsNow() {
-    Slots slots;
-    qk::ThreadResultsStats(&slots.length, &slots.inUse);
-    return slots;
-}
-
-class ThreadTest : public ::testing::Test {
-  protected:
-    void SetUp() override { QKLibInit("threadtest"); }
-};
-
-UInt ReturnArgument(void *argument) {
-    return (UInt)(uintptr_t)argument;
-}
-
-UInt Returned(UInt value) {
-    return ThreadJoin(ThreadCreate(ReturnArgument, (void *)(uintptr_t)value, 0));
+    qk::ThreadResultsStats(&length, &inUse);
+    return {inUse, length};
 }
 
 // A thread held until its gate opens; it records its kernel id first.
@@ -60,187 +22,127 @@ struct Gate {
     std::atomic<int> tid{0};
     UInt result = 0;
 };
-
 UInt WaitAtGate(void *argument) {
     auto *gate = static_cast<Gate *>(argument);
-    gate->tid = (int)ThreadId();
-    while (!gate->open) std::this_thread::yield();
+    for (gate->tid = (int)ThreadId(); !gate->open;) std::this_thread::yield();
     return gate->result;
 }
-
-TEST_F(ThreadTest, JoinGivesBackEachResultAndFreesTheSlot) {
-    UInt inUse = SlotsNow().inUse;
-    const UInt values[] = {0, 1, 42, 0x7FFFFFFF, 0x80000000u, 0xFFFFFFFEu, 0xFFFFFFFFu};
-    std::vector<ThreadHandle> handles;
-    for (UInt value : values) {
-        handles.push_back(ThreadCreate(ReturnArgument, (void *)(uintptr_t)value, 0));
-    }
-    // Joined in reverse order of creation: each result stays with its thread.
-    for (size_t i = handles.size(); i-- > 0;) EXPECT_EQ(ThreadJoin(handles[i]), values[i]);
-    UInt length = SlotsNow().length;
-    for (UInt i = 0; i < 50; i++) EXPECT_EQ(Returned(i), i);
-    EXPECT_EQ(SlotsNow().length, length);
-    EXPECT_EQ(SlotsNow().inUse, inUse);
-
-    // With three threads alive, the slot freed by joining the middle one is
-    // the one that the next creation takes.
-    Gate gates[4];
-    ThreadHandle gated[4];
-    for (UInt i = 0; i < 4; i++) gates[i].result = 10 + i;
-    for (int i = 0; i < 3; i++) gated[i] = ThreadCreate(WaitAtGate, &gates[i], 0);
-    UInt grown = SlotsNow().length;
-    gates[1].open = true;
-    EXPECT_EQ(ThreadJoin(gated[1]), 11u);
-    gated[3] = ThreadCreate(WaitAtGate, &gates[3], 0);
-    EXPECT_EQ(SlotsNow().length, grown);
-    EXPECT_EQ(SlotsNow().inUse, inUse + 3);
-    for (Gate &gate : gates) gate.open = true;
-    for (UInt i : {2, 3, 0}) EXPECT_EQ(ThreadJoin(gated[i]), 10 + i);
-    EXPECT_EQ(SlotsNow().inUse, inUse);
-}
-
-// A slot is freed at the end of a thread detached before its end; nobody
-// frees the slot of a thread that ended before it was detached.
-TEST_F(ThreadTest, DetachFreesTheSlotOnlyBeforeTheEnd) {
-    UInt inUse = SlotsNow().inUse;
-    Gate running;
-    ThreadHandle t = ThreadCreate(WaitAtGate, &running, 0);
-    EXPECT_EQ(SlotsNow().inUse, inUse + 1);
-    EXPECT_EQ(ThreadDetach(t), 1);
-    EXPECT_EQ(SlotsNow().inUse, inUse + 1);
-    running.open = true;
-    EXPECT_TRUE(WaitFor([&] { return SlotsNow().inUse == inUse; }));
-    UInt length = SlotsNow().length;
-    EXPECT_EQ(Returned(3), 3u);
-    EXPECT_EQ(SlotsNow().length, length);
-
-    Gate ended;
-    ended.open = true;
-    t = ThreadCreate(WaitAtGate, &ended, 0);
-    ASSERT_TRUE(WaitFor([&] { return ended.tid != 0; }));
-    struct stat info;
-    std::string task = "/proc/self/task/" + std::to_string(ended.tid);
-    ASSERT_TRUE(WaitFor([&] { return stat(task.c_str(), &info) != 0; }));
-    EXPECT_EQ(ThreadDetach(t), 1);
-    EXPECT_EQ(SlotsNow().inUse, inUse + 1);
-    EXPECT_EQ(Returned(4), 4u);
-    EXPECT_EQ(SlotsNow().inUse, inUse + 1);
-}
-
-struct Observed {
-    std::string name;
-    size_t stackSize = 0;
-};
-
-UInt Observe(void *argument) {
-    auto *observed = static_cast<Observed *>(argument);
-    observed->name = ThreadGetName();
-    pthread_attr_t attributes;
-    if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
-        pthread_attr_getstacksize(&attributes, &observed->stackSize);
-        pthread_attr_destroy(&attributes);
-    }
-    return (UInt)ThreadId();
-}
-
-TEST_F(ThreadTest, ThreadIsNamedAfterItsCreationSiteAndGetsItsStack) {
-    Observed observed;
-    const UInt stackSize = 3 * 1024 * 1024 + 1;
-    int line = __LINE__ + 1;
-    UInt tid = ThreadJoin(ThreadCreate(Observe, &observed, stackSize));
-    EXPECT_EQ(observed.name, std::string(__FILE__) + ":" + std::to_string(line));
-    EXPECT_GE(observed.stackSize, stackSize);
-    EXPECT_NE(tid, (UInt)ThreadId());
-    EXPECT_EQ(ThreadId(), (ULong)gettid());
+// A thread that gives back `value` at once.
+UInt Returned(UInt value) {
+    Gate gate;
+    gate.open = true, gate.result = value;
+    return ThreadJoin(ThreadCreate(WaitAtGate, &gate, 0));
 }
 
 int NiceOf(int tid) {
     errno = 0;
     int value = getpriority(PRIO_PROCESS, (id_t)tid);
-    EXPECT_EQ(errno, 0);
-    return value;
+    return errno ? -100 : value;
 }
 
-TEST_F(ThreadTest, SetPriorityMapsNiceThroughTheTable) {
+using ThreadTest = FrameTest;
+
+// Results come back whatever the order of joining, and joining frees the
+// slot, which the next creation takes; a slot is freed at the end of a
+// thread detached before its end, and nobody frees the slot of a thread that
+// ended before it was detached.
+TEST_F(ThreadTest, JoinAndDetachGiveBackResultsAndSlots) {
+    const UInt before = Slots().first, values[] = {0, 1, 42, 0x7FFFFFFF, 0x80000000u, ~0u, 7, 8};
+    Gate gates[8];
+    ThreadHandle handles[8];
+    for (int i = 0; i < 8; i++) gates[i].open = i < 6, gates[i].result = values[i];
+    for (int i = 0; i < 7; i++) handles[i] = ThreadCreate(WaitAtGate, &gates[i], 0);
+    for (int i = 5; i >= 0; i--) EXPECT_EQ(ThreadJoin(handles[i]), values[i]);
+    const UInt length = Slots().second;
+    for (UInt i = 0; i < 30; i++) EXPECT_EQ(Returned(i), i);
+    handles[7] = ThreadCreate(WaitAtGate, &gates[7], 0);
+    EXPECT_EQ(Slots(), std::pair(before + 2, length));
+    gates[6].open = gates[7].open = true;
+    for (int i : {6, 7}) EXPECT_EQ(ThreadJoin(handles[i]), values[i]);
+    EXPECT_EQ(Slots(), std::pair(before, length));
+    Gate running, ended;
+    EXPECT_EQ(ThreadDetach(ThreadCreate(WaitAtGate, &running, 0)), 1);
+    EXPECT_EQ(Slots().first, before + 1);
+    running.open = ended.open = true;
+    EXPECT_TRUE(WaitFor([&] { return Slots().first == before; }));
+    ThreadHandle t = ThreadCreate(WaitAtGate, &ended, 0);
+    ASSERT_TRUE(WaitFor([&] { return ended.tid != 0; }));
+    std::string task = "/proc/self/task/" + std::to_string(ended.tid);
+    ASSERT_TRUE(WaitFor([&] { return access(task.c_str(), F_OK) != 0; }));
+    EXPECT_EQ(ThreadDetach(t), 1);
+    EXPECT_EQ(Returned(4), 4u);
+    EXPECT_EQ(Slots().first, before + 1);
+}
+
+// Named after the place of creation, with the stack asked for, running at
+// the nice values of the table: a value not in it is the normal priority.
+// Lowering needs no right; raising again does, and fails with the system's
+// error without. The handle of the calling thread sets its priority, but can
+// be neither given away nor joined.
+TEST_F(ThreadTest, NameStackAndPriority) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(ThreadJoin(ThreadGetCurrent()), "thread operation failed");
+    static std::string name;
+    static size_t stackSize;
+    auto observe = [](void *) -> UInt {
+        pthread_attr_t attributes;
+        pthread_getattr_np(pthread_self(), &attributes);
+        pthread_attr_getstacksize(&attributes, &stackSize);
+        pthread_attr_destroy(&attributes);
+        return name = ThreadGetName(), (UInt)ThreadId();
+    };
+    int line = __LINE__ + 1;
+    EXPECT_NE(ThreadJoin(ThreadCreate(observe, nullptr, 3 * 1024 * 1024 + 1)), (UInt)gettid());
+    EXPECT_EQ(name, std::string(__FILE__) + ":" + std::to_string(line));
+    EXPECT_GE(stackSize, 3u * 1024 * 1024 + 1);
     Gate gate;
     ThreadHandle t = ThreadCreate(WaitAtGate, &gate, 0);
-    // The handle is usable before the thread has told its id.
-    EXPECT_EQ(ThreadSetPriority(t, 0), 1);
+    EXPECT_EQ(ThreadSetPriority(t, 0), 1);  // usable before the thread has told its id
     ASSERT_TRUE(WaitFor([&] { return gate.tid != 0; }));
-    int tid = gate.tid;
-    if (NiceOf(tid) != 0) {
-        gate.open = true;
-        ThreadJoin(t);
-        GTEST_SKIP() << "the test runs at a nice value other than 0";
-    }
-    // A value not in the table is the normal priority. Lowering needs no
-    // right; raising again does, and fails with the system's error without.
     const int table[][2] = {{3, 0},   {5, 5},     {10, 10},   {20, 19}, {7, 0},
                             {-5, -5}, {-10, -10}, {-20, -20}, {-19, 0}};
     for (auto [nice, expected] : table) {
+        if (NiceOf(gate.tid) != 0 && nice == 3) break;  // a test run at another nice value
         if (ThreadSetPriority(t, nice) != 1) {
             EXPECT_EQ(errno, -1);
             EXPECT_TRUE(QKGetLastError() == EACCES || QKGetLastError() == EPERM);
-            EXPECT_EQ(NiceOf(tid), 19) << nice;
+            EXPECT_EQ(NiceOf(gate.tid), 19) << nice;
             break;
         }
-        EXPECT_EQ(NiceOf(tid), expected) << nice;
+        EXPECT_EQ(NiceOf(gate.tid), expected) << nice;
     }
     gate.open = true;
     ThreadJoin(t);
-}
-
-UInt LowerOwnPriority(void *) {
-    return ThreadSetPriority(ThreadGetCurrent(), 10) == 1 ? NiceOf((int)gettid()) : 100;
-}
-
-TEST_F(ThreadTest, CurrentHandleWorksInItsThread) {
-    EXPECT_EQ(ThreadJoin(ThreadCreate(LowerOwnPriority, nullptr, 0)), 10u);
-    // The handle of the calling thread cannot be given away nor joined.
+    auto lowerOwnPriority = [](void *) -> UInt {
+        return ThreadSetPriority(ThreadGetCurrent(), 10) == 1 ? NiceOf((int)gettid()) : 100;
+    };
+    EXPECT_EQ(ThreadJoin(ThreadCreate(lowerOwnPriority, nullptr, 0)), 10u);
+    EXPECT_EQ(ThreadGetCurrent(), ThreadGetCurrent());
     EXPECT_EQ(ThreadDetach(ThreadGetCurrent()), 0);
     EXPECT_EQ(errno, -1);
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(ThreadJoin(ThreadGetCurrent()), "thread operation failed");
 }
 
-// What the creation hooks were called with.
-struct HookCall {
-    ThreadFunction function;
-    void *argument;
-    UInt stackSize;
-    std::string file;
-    int line;
-    bool operator==(const HookCall &) const = default;
-};
-std::vector<HookCall> hookCalls;
-ThreadHandle const kHookHandle = reinterpret_cast<ThreadHandle>(0x1234);
+// What the creation hooks were called with: function, argument, stack size,
+// file and line.
+std::vector<std::tuple<ThreadFunction, void *, UInt, std::string, int>> hookCalls;
 
-ThreadHandle CreateHook(ThreadFunction function, void *argument, UInt stackSize, const char *file,
+ThreadHandle CreateHook(ThreadFunction function, void *argument, UInt stack, const char *file,
                         int line) {
-    hookCalls.push_back({function, argument, stackSize, file, line});
-    return kHookHandle;
-}
-
-void CreateDetachedHook(ThreadFunction function, void *argument, UInt stackSize, const char *file,
-                        int line) {
-    CreateHook(function, argument, stackSize, file, line);
+    return hookCalls.emplace_back(function, argument, stack, file, line), (ThreadHandle)&hookCalls;
 }
 
 TEST_F(ThreadTest, HooksTakeOverCreation) {
-    int marker = 0;
-    hookCalls.clear();
-    SetThreadCreateHooks(CreateHook, CreateDetachedHook);
-    UInt inUse = SlotsNow().inUse;
-    int line = __LINE__ + 1;
-    ThreadHandle t = ThreadCreate(ReturnArgument, &marker, 12345);
-    ThreadCreateDetached(Observe, &marker, 777);
+    SetThreadCreateHooks(CreateHook, [](ThreadFunction f, void *a, UInt s, const char *file,
+                                        int line) { CreateHook(f, a, s, file, line); });
+    const UInt inUse = Slots().first;
+    int marker = 0, line = __LINE__ + 1;
+    EXPECT_EQ(ThreadCreate(WaitAtGate, &marker, 12345), (ThreadHandle)&hookCalls);
+    ThreadCreateDetached(WaitAtGate, &marker, 777);
     SetThreadCreateHooks(nullptr, nullptr);
-    EXPECT_EQ(t, kHookHandle);
-    EXPECT_EQ(SlotsNow().inUse, inUse);
-    EXPECT_EQ(hookCalls, (std::vector<HookCall>{{ReturnArgument, &marker, 12345, __FILE__, line},
-                                                {Observe, &marker, 777, __FILE__, line + 1}}));
-    // Without hooks, creation is the library's again.
-    EXPECT_EQ(Returned(8), 8u);
+    EXPECT_EQ(Slots().first, inUse);
+    EXPECT_EQ(hookCalls, (decltype(hookCalls){{WaitAtGate, &marker, 12345, __FILE__, line},
+                                              {WaitAtGate, &marker, 777, __FILE__, line + 1}}));
+    EXPECT_EQ(Returned(8), 8u);  // without hooks, creation is the library's again
     EXPECT_EQ(hookCalls.size(), 2u);
 }
 
@@ -262,63 +164,39 @@ Log Destroyed() {
     return std::exchange(destroyed, {});
 }
 
-const ThreadVarDestructor kPlain = [](void *value) { Note("plain", value); };
-// Keeps setting its own variable again.
-void StubbornDestructor(void *value) {
-    Note("stubborn", value);
-    ThreadVarSet(stubborn, (char *)value + 1);
-}
-// Sets another variable: that one's destructor runs in the next round.
-void ChainDestructor(void *value) {
-    Note("chain", value);
-    ThreadVarSet(plain, (void *)7);
-}
-
-class ThreadVarTest : public ThreadTest {
-  protected:
-    static void SetUpTestSuite() {
-        plain = ThreadVarCreate(kPlain);
-        stubborn = ThreadVarCreate(StubbornDestructor);
-        chain = ThreadVarCreate(ChainDestructor);
-    }
-};
-
 // Sets a variable to a value; 1 when it reads the value back.
-struct Setting {
-    ThreadVar var;
-    uintptr_t value;
-};
+using Setting = std::pair<ThreadVar, uintptr_t>;
 UInt SetVar(void *argument) {
-    auto *setting = static_cast<Setting *>(argument);
-    ThreadVarSet(setting->var, (void *)setting->value);
-    return ThreadVarGet(setting->var) == (void *)setting->value;
+    auto [var, value] = *static_cast<Setting *>(argument);
+    ThreadVarSet(var, (void *)value);
+    return ThreadVarGet(var) == (void *)value;
 }
 
-// Sets `var` to `value` in a thread of its own, and returns what the
-// destructors were called with.
-Log SetInThread(ThreadVar var, uintptr_t value) {
-    Setting setting{var, value};
-    EXPECT_EQ(ThreadJoin(ThreadCreate(SetVar, &setting, 0)), 1u);
-    return Destroyed();
-}
-
-TEST_F(ThreadVarTest, DestructorsRunInRoundsWhenTheThreadEnds) {
-    EXPECT_EQ(SetInThread(plain, 5), Log{"plain=5"});
-    EXPECT_EQ(SetInThread(plain, 0), Log{});  // an empty variable calls nothing
-    // One that sets its value again runs at most four times.
-    EXPECT_EQ(SetInThread(stubborn, 10),
-              (Log{"stubborn=10", "stubborn=11", "stubborn=12", "stubborn=13"}));
-    // One that fills another variable has that one's destructor run.
-    EXPECT_EQ(SetInThread(chain, 20), (Log{"chain=20", "plain=7"}));
-
+// An empty variable calls nothing; one that sets its value again runs four
+// times at most; one that fills another has that one's destructor run in the
+// next round. A detached thread and a thread of another maker, which calls
+// ThreadCleanup, run them too.
+TEST_F(ThreadTest, VariableDestructorsRunInRoundsWhenTheThreadEnds) {
+    plain = ThreadVarCreate([](void *value) { Note("plain", value); });
+    stubborn = ThreadVarCreate(
+        [](void *value) { Note("stubborn", value), ThreadVarSet(stubborn, (char *)value + 1); });
+    chain =
+        ThreadVarCreate([](void *value) { Note("chain", value), ThreadVarSet(plain, (void *)7); });
+    const std::tuple<ThreadVar &, uintptr_t, Log> cases[] = {
+        {plain, 5, {"plain=5"}},
+        {plain, 0, {}},
+        {stubborn, 10, {"stubborn=10", "stubborn=11", "stubborn=12", "stubborn=13"}},
+        {chain, 20, {"chain=20", "plain=7"}}};
+    for (const auto &[var, value, expected] : cases) {
+        Setting setting{var, value};
+        EXPECT_EQ(ThreadJoin(ThreadCreate(SetVar, &setting, 0)), 1u);
+        EXPECT_EQ(Destroyed(), expected);
+    }
     static Setting detached{plain, 6};
     ThreadCreateDetached(SetVar, &detached, 0);
     Log log;
     EXPECT_TRUE(WaitFor([&] { return !(log = Destroyed()).empty(); }));
     EXPECT_EQ(log, Log{"plain=6"});
-}
-
-TEST_F(ThreadVarTest, ForeignThreadCleansUpWithThreadCleanup) {
     std::thread([] {
         EXPECT_NE(ThreadInit(), nullptr);
         ThreadVarSet(plain, (void *)9);
