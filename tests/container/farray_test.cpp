@@ -1,289 +1,179 @@
-// FArray: fragment layout, stretches, stability of elements, callbacks,
-// compaction and the first block.
-#include <gtest/gtest.h>
-
+// FArray against a vector on random operations; its layout, its callbacks
+// and their failures, compaction, and misuse.
+#include <random>
 #include <tuple>
 #include <vector>
 
-#include "qk/qkcommon.h"
+#include "container/container_test.h"
 
 namespace {
 
-class FArrayTest : public ::testing::Test {
+// Memory through callbacks that record the blocks freed (pointer, offset,
+// size) and fail once their allowance runs out; with `release` off the free
+// callback only records, as a visitor for Exec.
+class FArrayTest : public ContainerTest {
   protected:
-    void SetUp() override { QKLibInit("farraytest"); }
-};
-
-// Heap callbacks that record what they are asked and can be made to fail.
-// With `release` off, the free callback only records: a visitor for Exec.
-struct Recorder {
-    int allocsLeft = 1 << 30;  // allocations that succeed before failures
-    int freesLeft = 1 << 30;
-    bool release = true;
-    std::vector<std::tuple<void *, UInt, size_t>> frees;  // pointer, offset, size
-};
-
-void *RecordingAlloc(void *old, size_t size, int *ok, void *userData, const char *file, int line) {
-    auto *r = (Recorder *)userData;
-    if (r->allocsLeft-- <= 0) {
+    static void *Alloc(void *old, size_t size, int *ok, void *self, const char *file, int line) {
+        if (((FArrayTest *)self)->allocs-- > 0) return Allocate_(size, old, file, line);
         QKErrorThrow(QK_ERR_FAILURE, QK_DOMAIN_GENERAL, "no memory for the test");
-        *ok = 0;
-        return nullptr;
+        return *ok = 0, nullptr;
     }
-    return Allocate_(size, old, file, line);
-}
-
-void RecordingFree(void *pointer, UInt offset, size_t size, int *ok, void *userData) {
-    auto *r = (Recorder *)userData;
-    if (r->freesLeft-- <= 0) {
-        QKErrorThrow(QK_ERR_FAILURE, QK_DOMAIN_GENERAL, "cannot free at %u", offset);
-        *ok = 0;
-        return;
+    static void Free(void *pointer, UInt offset, size_t size, int *ok, void *self) {
+        auto *t = (FArrayTest *)self;
+        if (t->frees-- <= 0)
+            QKErrorThrow(QK_ERR_FAILURE, QK_DOMAIN_GENERAL, "cannot free at %u", offset), *ok = 0;
+        if (*ok)
+            t->freed.emplace_back(pointer, offset, size), t->release ? UnAllocate(pointer) : void();
     }
-    r->frees.emplace_back(pointer, offset, size);
-    if (r->release) UnAllocate(pointer);
-}
-
-FArray HeapArray(UInt blockSize) {
-    FArray a;
-    FArrayInitHeap(a, blockSize);
-    return a;
-}
-
-FArray RecordedArray(UInt blockSize, Recorder &recorder) {
-    FArray a;
-    FArrayInit(a, blockSize, RecordingAlloc, RecordingFree, &recorder);
-    return a;
-}
-
-// The counts of an array: length0, length, capIndex, capacity.
-std::tuple<UInt, UInt, int, UInt> Counts(const FArray &a) {
-    return {a.length0, a.length, a.capIndex, a.capacity};
-}
-
-// Appends the ints from..to-1, each at the index that the length gave.
-void AddInts(FArray &a, int from, int to) {
-    for (int i = from; i < to; i++) {
-        int ok = 1;
-        Long expected = a.length;
-        ASSERT_EQ(FArrayAdd(a, &i, &ok), expected);
-        ASSERT_EQ(ok, 1);
+    // An array of ints of the given block size, holding 0..count-1.
+    FArray New(UInt blockSize, int count = 0) {
+        FArray a;
+        FArrayInit(a, blockSize, Alloc, Free, this);
+        for (int i = 0, ok = 1; i < count; i++) EXPECT_EQ(FArrayAdd(a, &i, &ok), i);
+        return a;
     }
-}
+    int allocs = 1 << 30, frees = 1 << 30;
+    bool release = true;
+    std::vector<std::tuple<void *, UInt, size_t>> freed;
+};
 
-// Fragments 0 and 1 hold 4 elements, 2 holds 8, 3 holds 16; a range runs
-// to the end of its fragment or of the array.
-TEST_F(FArrayTest, ElementsLieInTheirFragmentsAndRangesEndWithThem) {
-    FArray a = HeapArray(4);
-    AddInts(a, 0, 25);
-    EXPECT_EQ(Counts(a), std::tuple(0u, 25u, 4, 32u));
-    EXPECT_EQ(a.data[4], nullptr);
-    struct {
-        UInt index, end, fragment, offset;
-    } cases[] = {{0, 4, 0, 0},  {3, 4, 0, 3},   {4, 8, 1, 0},   {7, 8, 1, 3},
-                 {8, 16, 2, 0}, {15, 16, 2, 7}, {16, 25, 3, 0}, {24, 25, 3, 8}};
-    for (auto c : cases) {
+// Appends one by one and by runs, a first block set while it may be,
+// compactions. Elements stay where they are until compacted; a range ends
+// with its block (data0, then fragments of blockSize, blockSize,
+// 2 blockSize, 4 blockSize ...); the capacity doubles from the second
+// fragment; copying out gives the vector.
+TEST_F(FArrayTest, RandomOperationsAgreeWithAVector) {
+    std::mt19937 random(3);
+    for (UInt blockSize : {1u, 3u, 8u}) {
+        FArray a = New(blockSize);
+        if (blockSize == 8) FArrayInitHeap(a, 8);  // the heap callbacks
+        std::vector<int> model;
+        std::vector<int *> where;  // of the elements added one by one
+        for (int step = 0, ok = 1; step < 120; step++) {
+            int op = random() % 10, value = random();
+            if (op == 0 && a.length <= a.length0) {
+                ASSERT_EQ(FArrayEnsureCapacity0(a, int, a.length + random() % 20), 1);
+                where.assign(model.size(), nullptr);  // the block may have moved
+            } else if (op == 1) {
+                ASSERT_EQ(FArrayCompact(a, int), 1);
+                ASSERT_EQ(std::tuple(a.length0, a.capacity, a.data[0]),
+                          std::tuple(a.length, 0u, nullptr));
+                where.assign(model.size(), nullptr);
+            } else if (op < 5) {
+                std::vector<int> run(random() % 40, value);
+                ASSERT_EQ(FArrayAppendFromPtr(a, run.data(), run.size()), 1);
+                model.insert(model.end(), run.begin(), run.end());
+                where.resize(model.size(), nullptr);
+            } else {
+                ASSERT_EQ(FArrayAdd(a, &value, &ok), (Long)model.size());
+                model.push_back(value), where.push_back(&FArrayNth(a, int, a.length - 1));
+            }
+            ASSERT_EQ(a.length, model.size());
+            ASSERT_EQ(a.capacity, a.capIndex ? blockSize << (a.capIndex - 1) : 0);
+            for (UInt i = random() % 29, end; i < model.size(); i += 29) {
+                int *p = FArrayRange(a, int, i, &end);
+                ULong block = blockSize;
+                while (i >= a.length0 && i - a.length0 >= block) block *= 2;
+                ASSERT_EQ(std::tuple(p, *p, end),
+                          std::tuple(&FArrayNth(a, int, i), model[i],
+                                     (UInt)std::min<ULong>(
+                                         i < a.length0 ? a.length0 : a.length0 + block, a.length)));
+                ASSERT_TRUE(where[i] == nullptr || where[i] == p) << i;
+            }
+        }
+        std::vector<int> out(model.size());
+        FArrayAppendToPtr(a, out.data());
+        EXPECT_EQ(out, model);
         UInt end = 0;
-        int *p = FArrayRange(a, int, c.index, &end);
-        EXPECT_EQ(p, (int *)a.data[c.fragment] + c.offset) << c.index;
-        EXPECT_EQ(p, &FArrayNth(a, int, c.index));
-        EXPECT_EQ(*p, (int)c.index);
-        EXPECT_EQ(end, c.end) << c.index;
+        EXPECT_EQ(FArrayRange(a, int, a.length + 5, &end), nullptr);
+        EXPECT_EQ(end, a.length + 5);
+        EXPECT_EQ(FArrayFree(a, int), 1);
+        static const FArray cleared = {};
+        EXPECT_EQ(memcmp(&a, &cleared, sizeof a), 0);
     }
-    UInt end = 0;
-    EXPECT_EQ(FArrayRange(a, int, 25, &end), nullptr);
-    EXPECT_EQ(end, 25u);
-    EXPECT_EQ(FArrayRange(a, int, 100, &end), nullptr);
-    EXPECT_EQ(end, 100u);
+}
+
+// Exec and Free visit data0 and the fragments in order of position, each
+// block with the position of its first element and its size; a visitor that
+// clears `ok` stops the walk; a failed free can be resumed.
+TEST_F(FArrayTest, ExecAndFreeGoOverTheBlocksInOrderOfPosition) {
+    FArray a = New(4);
+    ASSERT_EQ(FArrayEnsureCapacity0(a, int, 6), 1);
+    for (int i = 0, ok = 1; i < 20; i++) FArrayAdd(a, &i, &ok);  // 6 in data0, then 4 + 4 + 8
+    const std::vector<std::tuple<void *, UInt, size_t>> blocks = {
+        {a.data0, 0, 24}, {a.data[0], 6, 16}, {a.data[1], 10, 16}, {a.data[2], 14, 32}};
+    EXPECT_EQ(std::pair(&FArrayNth(a, int, 6), &FArrayNth(a, int, 19)),
+              std::pair((int *)a.data[0], (int *)a.data[2] + 5));
+    release = false;
+    EXPECT_EQ(FArrayExec(a, int, Free, this), 1);
+    EXPECT_EQ(freed, blocks);
+    freed.clear(), frees = 2;
+    EXPECT_EQ(FArrayExec(a, int, Free, this), 0);
+    EXPECT_EQ(freed.size(), 2u);
+    freed.clear(), frees = 1 << 30, release = true;
+    ASSERT_EQ(FArrayFree(a, int), 1);
+    EXPECT_EQ(freed, blocks);
+    frees = 1;
+    a = New(4, 8);
+    EXPECT_EQ(FArrayFree(a, int), 0);
+    EXPECT_EQ(std::tuple(errno, a.data[0], a.data[1] != nullptr, a.blockSize),
+              std::tuple(-2, nullptr, true, 4u));
+    frees = 10;  // still set up for another try
     EXPECT_EQ(FArrayFree(a, int), 1);
+    EXPECT_EQ(std::get<1>(freed.back()), 4u);
 }
 
-// From fragment 2 on, each fragment doubles the capacity.
-TEST_F(FArrayTest, ElementsNeverMoveWhileGrowing) {
-    FArray a = HeapArray(3);
-    std::vector<long *> pointers;
-    for (long i = 0; i < 20000; i++) {
-        int ok = 1;
-        ASSERT_EQ(FArrayAdd(a, &i, &ok), i);
-        if (i < 200) pointers.push_back(&FArrayNth(a, long, (UInt)i));
-    }
-    for (long i = 0; i < 200; i++) {
-        EXPECT_EQ(pointers[i], &FArrayNth(a, long, (UInt)i));
-        EXPECT_EQ(*pointers[i], i);
-    }
-    EXPECT_EQ(a.capacity, 3u << (a.capIndex - 1));
-    EXPECT_GE(a.capacity, 20000u);
-    EXPECT_LT(a.capacity / 2, 20000u);
-    FArrayFree(a, long);
-}
-
-TEST_F(FArrayTest, AppendAndCopyOutAcrossFragments) {
-    FArray a = HeapArray(5);
-    std::vector<int> source(100);
-    for (int i = 0; i < 100; i++) source[i] = i * 7;
-    ASSERT_EQ(FArrayAppendFromPtr(a, source.data(), 3), 1);
-    ASSERT_EQ(FArrayAppendFromPtr(a, source.data() + 3, 97), 1);
-    ASSERT_EQ(FArrayAppendFromPtr(a, source.data(), 0), 1);
-    EXPECT_EQ(a.length, 100u);
-    for (UInt i = 0; i < 100; i++) ASSERT_EQ(FArrayNth(a, int, i), (int)i * 7);
-    std::vector<int> target(100, -1);
-    FArrayAppendToPtr(a, target.data());
-    EXPECT_EQ(target, source);
-
-    EXPECT_DEATH(FArrayAppendFromPtr_(&a, source.data(), 1, 4, 8, __FILE__, __LINE__),
-                 "'eltSize == eltSize0' failed");
-    FArrayFree(a, int);
-}
-
-TEST_F(FArrayTest, FailingAllocReportsThroughOk) {
-    Recorder recorder;
-    recorder.allocsLeft = 2;
-    FArray a = RecordedArray(2, recorder);
-    AddInts(a, 0, 4);  // data[0] and data[1]
-    int value = 4, ok = 1;
-    errno = 0;
+// Allocation failures clear `ok` and keep the error; what was not allocated
+// is not counted. A failed release during compaction keeps the first error;
+// the array is compacted all the same and forgets the blocks. Empty, an
+// array compacts to no block at all.
+TEST_F(FArrayTest, FailuresOfTheCallbacks) {
+    allocs = 2;
+    FArray a = New(2, 4);  // data[0] and data[1]
+    int value = 4, ok = 1, more[3] = {1, 2, 3};
     EXPECT_EQ(FArrayAdd(a, &value, &ok), -1);
-    EXPECT_EQ(ok, 0);
-    EXPECT_EQ(a.length, 5u);  // grown by one all the same
-    EXPECT_EQ(errno, -2);
-    EXPECT_STREQ(QKErrorMessage(), "no memory for the test");
-    EXPECT_EQ(FArrayEnsureCapacity(a, int, 10), 0);
-    a.length = 4;
-
-    int more[3] = {1, 2, 3};
-    EXPECT_EQ(FArrayAppendFromPtr(a, more, 3), 0);
+    EXPECT_EQ(std::tuple(ok, a.length, errno, std::string(QKErrorMessage())),
+              std::tuple(0, 5u, -2, "no memory for the test"));
+    a.length = 4;  // grown by one all the same
+    EXPECT_EQ(
+        FArrayEnsureCapacity(a, int, 10) + FArrayAppendFromPtr(a, more, 3) + FArrayCompact(a, int),
+        0);
     EXPECT_EQ(a.length, 4u);
-
-    recorder.allocsLeft = 1;
+    allocs = 1;
     EXPECT_EQ(FArrayEnsureCapacity(a, int, 8), 1);
     EXPECT_EQ(a.capacity, 8u);
     EXPECT_EQ(FArrayFree(a, int), 1);
-}
-
-TEST_F(FArrayTest, ExecAndFreeGoOverTheBlocksInOrderOfPosition) {
-    Recorder recorder;
-    FArray a = RecordedArray(4, recorder);
-    ASSERT_EQ(FArrayEnsureCapacity0(a, int, 6), 1);
-    AddInts(a, 0, 20);  // 6 in data0, then 4 + 4 + 8 in fragments
-    const std::vector<std::tuple<void *, UInt, size_t>> blocks = {{a.data0, 0, 6 * sizeof(int)},
-                                                                  {a.data[0], 6, 4 * sizeof(int)},
-                                                                  {a.data[1], 10, 4 * sizeof(int)},
-                                                                  {a.data[2], 14, 8 * sizeof(int)}};
-    recorder.release = false;
-    EXPECT_EQ(FArrayExec(a, int, RecordingFree, &recorder), 1);
-    EXPECT_EQ(recorder.frees, blocks);
-    // A visitor that clears `ok` stops the walk.
-    recorder.frees.clear();
-    recorder.freesLeft = 2;
-    EXPECT_EQ(FArrayExec(a, int, RecordingFree, &recorder), 0);
-    EXPECT_EQ(recorder.frees.size(), 2u);
-
-    recorder = Recorder();
-    ASSERT_EQ(FArrayFree(a, int), 1);
-    EXPECT_EQ(recorder.frees, blocks);
-    static const FArray cleared = {};
-    EXPECT_EQ(memcmp(&a, &cleared, sizeof a), 0);
-
-    // A failed free can be resumed: the blocks released are forgotten.
-    recorder = Recorder();
-    recorder.freesLeft = 1;
-    a = RecordedArray(4, recorder);
-    AddInts(a, 0, 8);
-    EXPECT_EQ(FArrayFree(a, int), 0);
-    EXPECT_EQ(errno, -2);
-    EXPECT_EQ(recorder.frees.size(), 1u);
-    EXPECT_EQ(a.data[0], nullptr);
-    EXPECT_NE(a.data[1], nullptr);
-    EXPECT_EQ(a.blockSize, 4u);  // still set up for another try
-    recorder.freesLeft = 10;
+    allocs = 1 << 30;
+    a = New(4, 16);  // fragments at offsets 0, 4 and 8
+    void *lost[] = {a.data[1], a.data[2]};
+    frees = 1;
+    EXPECT_EQ(FArrayCompact(a, int), 0);
+    EXPECT_EQ(std::pair(errno, std::string(QKErrorMessage())),
+              std::pair(-2, std::string("cannot free at 4")));
+    EXPECT_EQ(std::tuple(a.length0, a.length, (int)a.capIndex, a.capacity),
+              std::tuple(16u, 16u, 0, 0u));
+    for (UInt i = 0; i < 16; i++) ASSERT_EQ(FArrayNth(a, int, i), (int)i);
+    frees = 10;
     EXPECT_EQ(FArrayFree(a, int), 1);
-    EXPECT_EQ(recorder.frees.size(), 2u);
-    EXPECT_EQ(std::get<1>(recorder.frees[1]), 4u);
-}
-
-TEST_F(FArrayTest, CompactionKeepsContents) {
-    Recorder recorder;
-    FArray a = RecordedArray(4, recorder);
-    AddInts(a, 0, 50);
-    ASSERT_EQ(FArrayCompact(a, int), 1);
-    EXPECT_EQ(recorder.frees.size(), 5u);  // fragments 0 to 4
-    EXPECT_EQ(Counts(a), std::tuple(50u, 50u, 0, 0u));
-    for (void *fragment : a.data) EXPECT_EQ(fragment, nullptr);
-    UInt end = 0;
-    EXPECT_EQ(FArrayRange(a, int, 0, &end), (int *)a.data0);
-    EXPECT_EQ(end, 50u);
-    for (UInt i = 0; i < 50; i++) ASSERT_EQ(FArrayNth(a, int, i), (int)i);
-
-    // Appends go on in fresh fragments behind the block.
-    AddInts(a, 50, 60);
-    EXPECT_EQ(&FArrayNth(a, int, 50), (int *)a.data[0]);
-    for (UInt i = 0; i < 60; i++) ASSERT_EQ(FArrayNth(a, int, i), (int)i);
-    EXPECT_EQ(FArrayFree(a, int), 1);
-
-    // An empty array compacts to no block at all.
-    a = HeapArray(8);
+    for (void *block : lost) UnAllocate(block);
+    a = New(8);
     ASSERT_EQ(FArrayEnsureCapacity(a, int, 10), 1);
     ASSERT_EQ(FArrayCompact(a, int), 1);
-    EXPECT_EQ(a.data0, nullptr);
-    EXPECT_EQ(a.length0, 0u);
-    EXPECT_EQ(a.data[0], nullptr);
-    AddInts(a, 0, 3);
-    EXPECT_EQ(FArrayNth(a, int, 2), 2);
-    FArrayFree(a, int);
-}
-
-TEST_F(FArrayTest, CompactionWithAFailedReleaseKeepsTheFirstError) {
-    Recorder recorder;
-    FArray a = RecordedArray(4, recorder);
-    AddInts(a, 0, 16);  // fragments at offsets 0, 4 and 8
-    void *lost[] = {a.data[1], a.data[2]};
-    recorder.freesLeft = 1;
-    EXPECT_EQ(FArrayCompact(a, int), 0);
-    EXPECT_EQ(errno, -2);
-    EXPECT_STREQ(QKErrorMessage(), "cannot free at 4");
-    // Compacted all the same.
-    EXPECT_EQ(Counts(a), std::tuple(16u, 16u, 0, 0u));
-    for (UInt i = 0; i < 16; i++) ASSERT_EQ(FArrayNth(a, int, i), (int)i);
-    recorder.freesLeft = 10;
+    EXPECT_EQ(std::tuple(a.data0, a.length0, a.data[0]), std::tuple(nullptr, 0u, nullptr));
     EXPECT_EQ(FArrayFree(a, int), 1);
-    // The array forgot the blocks that could not be released.
-    for (void *block : lost) UnAllocate(block);
 }
 
-TEST_F(FArrayTest, FirstBlockTakesTheFirstElements) {
-    FArray a = HeapArray(4);
-    ASSERT_EQ(FArrayEnsureCapacity0(a, int, 10), 1);
-    EXPECT_EQ(Counts(a), std::tuple(10u, 0u, 0, 0u));
-    AddInts(a, 0, 11);
-    for (UInt i = 0; i < 10; i++) EXPECT_EQ(&FArrayNth(a, int, i), (int *)a.data0 + i);
-    EXPECT_EQ(&FArrayNth(a, int, 10), (int *)a.data[0]);
-    EXPECT_EQ(a.capacity, 4u);
-    UInt end;
-    FArrayRange(a, int, 2, &end);
-    EXPECT_EQ(end, 10u);
-
-    // With elements in the fragments, the block cannot be replaced.
-    EXPECT_DEATH(FArrayEnsureCapacity0(a, int, 20), "'array->length <= array->length0' failed");
-    FArrayFree(a, int);
-
-    // Without, it grows keeping its elements.
-    a = HeapArray(4);
-    ASSERT_EQ(FArrayEnsureCapacity0(a, int, 3), 1);
-    AddInts(a, 0, 3);
-    ASSERT_EQ(FArrayEnsureCapacity0(a, int, 100), 1);
-    AddInts(a, 3, 100);
-    EXPECT_EQ(a.data[0], nullptr);  // all within the block
-    for (UInt i = 0; i < 100; i++) ASSERT_EQ(FArrayNth(a, int, i), (int)i);
-    FArrayFree(a, int);
-}
-
-TEST_F(FArrayTest, MissingFragmentsAreAssertions) {
-    FArray a = HeapArray(4);
+TEST_F(FArrayTest, MisuseIsAnAssertion) {
+    FArray a = New(4);
     a.length = 40;
     UInt end;
+    int source[1];
     EXPECT_DEATH(FArrayRange(a, int, 1, &end), "'array->data\\[0\\] != NULL' failed");
     EXPECT_DEATH(FArrayRange(a, int, 5, &end), "'array->data\\[1\\] != NULL' failed");
     EXPECT_DEATH(FArrayRange(a, int, 20, &end), "'array->data\\[capIndex\\] != NULL' failed");
+    EXPECT_DEATH(FArrayEnsureCapacity0(a, int, 50), "'array->length <= array->length0' failed");
+    EXPECT_DEATH(FArrayAppendFromPtr_(&a, source, 1, 4, 8, __FILE__, __LINE__),
+                 "'eltSize == eltSize0' failed");
     a.length0 = 2;
     EXPECT_DEATH(FArrayRange(a, int, 1, &end), "'array->data0 != NULL' failed");
 }
