@@ -119,6 +119,7 @@ typedef struct Channel {
     UByte readBuffer[CHANNEL_BUFFER_SIZE];
     ULong writeKey;
     UInt writePos;
+    UInt writeScrambled; /* the buffer's first bytes, already obfuscated */
     UByte writeBuffer[CHANNEL_BUFFER_SIZE];
 } Channel;
 

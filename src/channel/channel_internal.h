@@ -35,6 +35,7 @@ inline void ResetPositions(Channel *channel) {
     channel->readPos = 0;
     channel->readEnd = 0;
     channel->writePos = 0;
+    channel->writeScrambled = 0;
 }
 
 // Waits until `fd` is ready for reading or writing, or shows an error or
@@ -58,7 +59,9 @@ int WaitChannel(Channel *channel, bool forWrite);
 int Read(Channel *channel, void *buffer, UInt size, bool full, UInt *count, bool block);
 
 // Writes all `size` bytes: 1, or 0 with the error state set.
-int Write(Channel *channel, const void *buffer, size_t size);
+// Writes all the bytes; on a failure *written (when given) says how many
+// left before it.
+int Write(Channel *channel, const void *buffer, size_t size, size_t *written = nullptr);
 
 // Fills the empty read buffer with one read: 0 or a read code.
 int Fill(Channel *channel);

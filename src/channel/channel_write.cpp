@@ -20,13 +20,14 @@ constexpr UInt kTextRoom = 30;
 
 namespace qk::channel {
 
-int Write(Channel *channel, const void *buffer, size_t size) {
+int Write(Channel *channel, const void *buffer, size_t size, size_t *written) {
     if (channel->fd < 0) {
         errno = EINVAL;
         return 0;
     }
     const UByte *bytes = static_cast<const UByte *>(buffer);
     size_t done = 0;
+    if (written) *written = 0;
     const bool stream = IsStream(channel);
     while (done < size) {
         size_t want = size - done;
@@ -54,6 +55,7 @@ int Write(Channel *channel, const void *buffer, size_t size) {
             }
         }
         done += (size_t)sent;
+        if (written) *written = done;
     }
     return 1;
 }
@@ -98,13 +100,22 @@ int WriteSigned(Channel *channel, Long value) {
 
 extern "C" {
 
+// A failed write keeps what did not leave at the buffer's start, already
+// obfuscated, so that a later flush sends each byte once and scrambles it
+// once.
 QK_API int ChannelFlush(Channel *channel) {
     UInt size = channel->writePos;
     if (size == 0) return 1;
-    if (channel->obfuscated) Scramble(&channel->writeKey, channel->writeBuffer, size);
-    if (!Write(channel, channel->writeBuffer, size)) return 0;
-    channel->writePos = 0;
-    return 1;
+    UInt done = channel->writeScrambled;
+    if (channel->obfuscated && done < size)
+        Scramble(&channel->writeKey, channel->writeBuffer + done, size - done);
+    size_t written;
+    int ok = Write(channel, channel->writeBuffer, size, &written);
+    UInt left = ok ? 0 : size - (UInt)written;
+    if (left) memmove(channel->writeBuffer, channel->writeBuffer + written, left);
+    channel->writePos = left;
+    channel->writeScrambled = channel->obfuscated ? left : 0;
+    return ok;
 }
 
 QK_API int ChannelSync(Channel *channel) {

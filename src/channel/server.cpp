@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "channel/channel_internal.h"
 #include "channel/server_internal.h"
 #include "frame/file_internal.h"
 #include "qk/frame.h"
@@ -111,9 +112,7 @@ QK_API int TCPServerAccept(TCPServer *server, Channel *channel) {
     // the socket path all the same.
     channel->isSocket = local ? 0 : 1;
     channel->isPipe = local ? 1 : 0;
-    channel->readPos = 0;
-    channel->readEnd = 0;
-    channel->writePos = 0;
+    qk::channel::ResetPositions(channel);
     // Local connections stay plain, as the channel's connect leaves them.
     if (!local && channel->sslConfig != nullptr && !ChannelStartSSL(channel, 1)) {
         QKErrorSave();
