@@ -1,157 +1,102 @@
-// Addresses: the dotted-quad parser, local socket names, host and port
-// texts with brackets and service names, command-line ports, comparison,
-// printing, the resolver and the default family.
+// Addresses: the texts every parser takes or refuses, comparison, copying
+// and printing, the resolver and the default family.
 #include "channel/channel_test_util.h"
-
-using namespace chantest;
 
 namespace {
 
-class ChannelAddressTest : public ::testing::Test {
+class AddressTest : public ChannelTest {
   protected:
-    static void SetUpTestSuite() { Init(); }
-    void TearDown() override { QKUnixSocketSetBase(nullptr); }
+    static int SetIP(TCPAddr *addr, const char *text) { return IPAddrSetIP(&addr->ip, text); }
+    static int SetHost(TCPAddr *addr, const char *text) { return IPAddrSetHost(&addr->ip, text); }
+    static int HostPort(TCPAddr *addr, const char *text) { return TCPAddrSetHostPort(addr, text); }
+    static int PortArg(TCPAddr *addr, const char *text) { return TCPAddrParsePortArg(addr, text); }
+    static IPAddr Quad(UInt value) { return {.u = {.addr4 = value}, .family = QK_FAMILY_IPV4}; }
 };
 
-IPAddr Quad(UInt value) {
-    IPAddr addr;
-    IPAddrSetAddr4(&addr, value);
-    return addr;
-}
-
-std::string Printed(TCPAddr addr) {
+// "a.b.c.d:port" for IPv4 (printed behind what the array held), "/name:port"
+// for a local name, else "<none>".
+std::string Show(TCPAddr addr) {
+    if (addr.ip.family == QK_FAMILY_LOCAL)
+        return "/" + std::string(addr.ip.u.name) + ":" + std::to_string(addr.port);
     ByteArray text = {};
-    ArrayAppend(text, ">", 1);
-    if (!TCPAddrGetIPPort(addr, &text)) {
-        ArrayFree(text);
-        return "<none>";
-    }
-    std::string s((char *)text.data + 1, text.length - 1);
-    if (text.data[text.length] != 0) s += "<no terminator>";
+    ArrayAppend(text, ">", 1);  // printing appends, and keeps a zero behind
+    std::string s = TCPAddrGetIPPort(addr, &text) ? (char *)text.data + 1 : "<none>";
     ArrayFree(text);
     return s;
 }
 
-TEST_F(ChannelAddressTest, SetIPTakesExactlyFourNumbers) {
-    IPAddr addr = Quad(0x01020304);
-    for (const char *bad : {"1.2.3", "1.2.3.4.5", "1..2.3", "256.1.1.1", "1.2.3.4 ", "", "1.2.3.",
-                            "1.2.3.-4", "1.2.3.99999999999"}) {
-        EXPECT_EQ(IPAddrSetIP(&addr, bad), 0) << bad;
-        EXPECT_EQ(IPAddrGetAddr4(addr), 0x01020304u) << bad;
+// Each parser starts on 127.0.0.1:1, which a failure leaves alone.
+TEST_F(AddressTest, ParsersTakeOrRefuseTexts) {
+    const std::string port = "!0,2: invalid port number",
+                      colon = "!0,2: invalid address (missing ':' char)";
+    const struct {
+        int (*parse)(TCPAddr *, const char *);
+        std::string text, expected;  // the address shown, or "!" and the error text if checked
+    } cases[] = {
+        // clang-format off
+        {SetIP, "192.168.0.255", "192.168.0.255:1"}, {SetIP, "127.000.0.01", "127.0.0.1:1"},
+        {SetIP, "1.2.3", "!"}, {SetIP, "1.2.3.4.5", "!"}, {SetIP, "1..2.3", "!"}, {SetIP, "", "!"},
+        {SetIP, "256.1.1.1", "!"}, {SetIP, "1.2.3.4 ", "!"}, {SetIP, "1.2.3.99999999999", "!"},
+        {SetHost, "/0123456789abcde", "/0123456789abcde:1"}, {SetHost, "localhost", "127.0.0.1:1"},
+        {SetHost, "/0123456789abcdef", "!1,2: socket name too long"},
+        {SetHost, "/a\\b", "!1,2: socket name must not contain '/' and '\\' chars"},
+        {HostPort, ":80", "127.0.0.1:80"}, {HostPort, "/srv:12", "/srv:12"},
+        {HostPort, "[10.1.2.3]:8080", "10.1.2.3:8080"}, {HostPort, "1.2.3.4:65536", port},
+        {HostPort, "localhost:http", "127.0.0.1:80"}, {HostPort, "1.2.3.4:9999999999", port},
+        {HostPort, "1.2.3.4", colon}, {HostPort, std::string(300, 'h') + ":8", colon},
+        {HostPort, "[1.2.3.4:5", colon},  // inside the bracket ':' is the host's
+        {HostPort, "1.2.3.4:no-such", "!1,2: unknown service \"no-such\""},
+        {PortArg, "80", "0.0.0.0:80"}, {PortArg, "0", port}, {PortArg, "/other", colon},
+        {PortArg, "127.0.0.1:9", "127.0.0.1:9"}, {PortArg, "/mybase/srv:44", "/srv:44"},
+        {PortArg, "123456789012345678901", port},
+        // clang-format on
+    };
+    for (const auto &c : cases) {
+        TCPAddr addr = TCPAddrLocal(QK_FAMILY_IPV4, 1);
+        QKErrorClear();
+        const int ok = c.parse(&addr, c.text.c_str());
+        const std::string got = ok ? Show(addr) : "!" + (c.expected.size() > 1 ? ErrorText() : "");
+        EXPECT_EQ(got, c.expected) << c.text;
+        EXPECT_EQ(Show(addr), ok ? got : "127.0.0.1:1") << c.text;
     }
-    EXPECT_EQ(IPAddrSetIP(&addr, "192.168.0.255"), 1);
-    EXPECT_EQ(IPAddrGetAddr4(addr), 0xC0A800FFu);
-    EXPECT_EQ(IPAddrSetIP(&addr, "127.000.0.01"), 1);
-    EXPECT_TRUE(IPAddrIsLocal(addr));
 }
 
-TEST_F(ChannelAddressTest, LocalNames) {
-    IPAddr addr, other;
-    EXPECT_EQ(IPAddrSetHost(&addr, "/0123456789abcdef"), 0);
-    EXPECT_TRUE(HasError(QK_ERR_INVALID, QK_DOMAIN_GENERAL, "socket name too long"));
-    EXPECT_EQ(IPAddrSetHost(&addr, "/a\\b"), 0);
-    EXPECT_TRUE(HasError(QK_ERR_INVALID, QK_DOMAIN_GENERAL,
-                         "socket name must not contain '/' and '\\' chars"));
-    ASSERT_EQ(IPAddrSetHost(&addr, "/0123456789abcde"), 1);
-    EXPECT_EQ(addr.family, QK_FAMILY_LOCAL);
-    EXPECT_STREQ(addr.u.name, "0123456789abcde");
-    ASSERT_EQ(IPAddrSetHost(&other, "/0123456789abcde"), 1);
-    EXPECT_TRUE(IPAddrEquals(addr, other));
-    ASSERT_EQ(IPAddrSetHost(&other, "/0123456789abcd"), 1);
-    EXPECT_FALSE(IPAddrEquals(addr, other));
-}
-
-TEST_F(ChannelAddressTest, CompareCopyAndPrint) {
-    EXPECT_TRUE(IPAddrEquals(Quad(0x7F000001), IPAddrLocal(QK_FAMILY_IPV4)));
-    EXPECT_FALSE(IPAddrEquals(Quad(0x7F000001), Quad(0x7F000002)));
-    EXPECT_TRUE(IPAddrEquals(Quad(0), IPAddrAny(QK_FAMILY_NONE)));
-    IPAddr none = {}, six = {};
-    EXPECT_FALSE(IPAddrEquals(none, none));
+TEST_F(AddressTest, CompareCopyPrintAndResolve) {
     UByte bytes[16] = {0xfe, 0x80};
+    IPAddr none = {}, six = {}, name, shorter;
     IPAddrSetAddr6(&six, bytes);
-    EXPECT_FALSE(IPAddrEquals(six, six));
+    ASSERT_TRUE(IPAddrSetHost(&name, "/0123456789abcde") &&
+                IPAddrSetHost(&shorter, "/0123456789abcd"));
+    const struct {
+        IPAddr a, b;
+        bool equal;
+    } pairs[] = {
+        // clang-format off
+        {Quad(0x7F000001), IPAddrLocal(QK_FAMILY_IPV4), true}, {Quad(0), IPAddrAny(0), true},
+        {Quad(0x7F000001), Quad(0x7F000002), false}, {none, none, false}, {six, six, false},
+        {name, name, true}, {name, shorter, false},
+        // clang-format on
+    };
+    for (const auto &p : pairs) EXPECT_EQ(IPAddrEquals(p.a, p.b), p.equal) << &p - pairs;
     EXPECT_EQ(IPAddrCopyAddr6(six, bytes), 0);
     ASSERT_EQ(IPAddrCopyAddr6(Quad(0xC0A80102), bytes), 1);
-    const UByte mapped[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 255, 255, 192, 168, 1, 2};
-    EXPECT_EQ(memcmp(bytes, mapped, 16), 0);
-    EXPECT_EQ(Printed(TCPAddrLocal(QK_FAMILY_IPV4, 65535)), "127.0.0.1:65535");
-    EXPECT_EQ(Printed({Quad(0xFF00FF01), 0}), "255.0.255.1:0");
-    EXPECT_EQ(Printed({six, 1}), "<none>");
-}
-
-TEST_F(ChannelAddressTest, HostPort) {
-    TCPAddr addr;
-    ASSERT_EQ(TCPAddrSetHostPort(&addr, ":80"), 1) << QKErrorMessage();
-    EXPECT_EQ(Printed(addr), "127.0.0.1:80");
-    ASSERT_EQ(TCPAddrSetHostPort(&addr, "[10.1.2.3]:8080"), 1);
-    EXPECT_EQ(Printed(addr), "10.1.2.3:8080");
-    ASSERT_EQ(TCPAddrSetHostPort(&addr, "localhost:http"), 1);
-    EXPECT_EQ(Printed(addr), "127.0.0.1:80");
-    ASSERT_EQ(TCPAddrSetHostPort(&addr, "/srv:12"), 1);
-    EXPECT_STREQ(addr.ip.u.name, "srv");
-    EXPECT_EQ(addr.port, 12);
-
-    addr = TCPAddrLocal(QK_FAMILY_IPV4, 1);
-    for (const char *bad : {"1.2.3.4:65536", "1.2.3.4:99999999999999"}) {
-        EXPECT_EQ(TCPAddrSetHostPort(&addr, bad), 0);
-        EXPECT_TRUE(HasError(QK_ERR_FAILURE, QK_DOMAIN_GENERAL, "invalid port number"));
-    }
-    // Inside the bracket a colon belongs to the host.
-    for (std::string bad :
-         {std::string("1.2.3.4"), std::string("[1.2.3.4:5"), std::string(300, 'h') + ":80"}) {
-        EXPECT_EQ(TCPAddrSetHostPort(&addr, bad.c_str()), 0);
-        EXPECT_TRUE(
-            HasError(QK_ERR_FAILURE, QK_DOMAIN_GENERAL, "invalid address (missing ':' char)"));
-    }
-    EXPECT_EQ(TCPAddrSetHostPort(&addr, "1.2.3.4:no-such-service-here"), 0);
-    EXPECT_EQ(Printed(addr), "127.0.0.1:1");
-}
-
-TEST_F(ChannelAddressTest, PortArgument) {
-    TCPAddr addr;
-    ASSERT_EQ(TCPAddrParsePortArg(&addr, "80"), 1);
-    EXPECT_EQ(Printed(addr), "0.0.0.0:80");
-    EXPECT_EQ(TCPAddrParsePortArg(&addr, "0"), 0);
-    EXPECT_EQ(TCPAddrParsePortArg(&addr, "123456789012345678901"), 0);
-    ASSERT_EQ(TCPAddrParsePortArg(&addr, "127.0.0.1:9"), 1);
-    EXPECT_EQ(Printed(addr), "127.0.0.1:9");
-    // A leading "/base" names the local socket base, then the rest is parsed.
-    ASSERT_EQ(TCPAddrParsePortArg(&addr, "/mybase/srv:44"), 1);
-    EXPECT_STREQ(addr.ip.u.name, "srv");
-    char path[256];
-    setenv("QK_SOCKET_DIR", "/d", 1);
-    QKUnixSocketPath(&addr, path, sizeof path);
-    unsetenv("QK_SOCKET_DIR");
-    EXPECT_STREQ(path, "/d/qk.mybase.srv.44");
-    // Without a second '/' the whole text is parsed again, and has no port.
-    EXPECT_EQ(TCPAddrParsePortArg(&addr, "/other"), 0);
-    QKUnixSocketPath(&addr, path, sizeof path);
-    EXPECT_NE(std::string(path).find("/qk.other."), std::string::npos);
-}
-
-TEST_F(ChannelAddressTest, Resolver) {
-    IPAddr addr;
-    ASSERT_EQ(IPAddrSetHost(&addr, "localhost"), 1) << QKErrorMessage();
-    EXPECT_TRUE(IPAddrIsLocal(addr));
+    EXPECT_EQ(std::string((char *)bytes, 16), std::string(10, 0) + "\xff\xff\xc0\xa8\x01\x02");
+    EXPECT_EQ(Show(TCPAddrLocal(QK_FAMILY_IPV4, 65535)), "127.0.0.1:65535");
+    EXPECT_EQ(Show({Quad(0xFF00FF01), 0}), "255.0.255.1:0");
+    EXPECT_EQ(Show({six, 1}), "<none>");
+    // The resolver, both ways, and the default family.
     QK_ARRAY(IPAddr) all = {};
-    ArrayAdd(all, Quad(1));
-    ASSERT_EQ(IPAddrSetHostMultiple(&all, "10.0.0.1"), 1);
-    ASSERT_EQ(all.length, 1u);
-    EXPECT_EQ(IPAddrGetAddr4(all.data[0]), 0x0A000001u);
+    ArrayAdd(all, Quad(1));  // emptied first
+    EXPECT_TRUE(IPAddrSetHostMultiple(&all, "10.0.0.1") && all.length == 1 &&
+                IPAddrGetAddr4(all.data[0]) == 0x0A000001u);
     ArrayFree(all);
-    EXPECT_EQ(IPAddrSetHost(&addr, "no-such-host.invalid"), 0);
+    EXPECT_EQ(IPAddrSetHost(&none, "no-such-host.invalid"), 0);
     EXPECT_EQ(QKErrorCode() >> 32, (ULong)QK_DOMAIN_OS);
-    ByteArray name = {};
-    ASSERT_EQ(IPAddrGetHost(IPAddrLocal(QK_FAMILY_IPV4), &name), 1);
-    EXPECT_GT(name.length, 0u);
-    ArrayFree(name);
-}
-
-TEST_F(ChannelAddressTest, DefaultFamily) {
-    EXPECT_EQ(QKSetDefaultFamily(QK_FAMILY_IPV6), 0);
-    EXPECT_EQ(QKGetDefaultFamily(), QK_FAMILY_IPV4);
-    EXPECT_EQ(QKSetDefaultFamily(QK_FAMILY_IPV4), 1);
-    EXPECT_FALSE(QKIsFamilySupported(QK_FAMILY_IPV6));
+    ByteArray host = {};
+    EXPECT_TRUE(IPAddrGetHost(IPAddrLocal(QK_FAMILY_IPV4), &host) && host.length > 0);
+    ArrayFree(host);
+    EXPECT_TRUE(!QKSetDefaultFamily(QK_FAMILY_IPV6) && QKGetDefaultFamily() == QK_FAMILY_IPV4);
+    EXPECT_TRUE(QKSetDefaultFamily(QK_FAMILY_IPV4) && !QKIsFamilySupported(QK_FAMILY_IPV6));
     EXPECT_DEATH(IPAddrLocal(QK_FAMILY_IPV6), "FALSE");
 }
 

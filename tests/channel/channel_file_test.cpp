@@ -1,170 +1,96 @@
-// Channels on files: the open modes and their failures, the position seen
-// through the buffers, truncation, syncing, and the refusal of the file
-// calls on sockets.
+// Channels on files: random seeks, tells, reads, writes and truncations
+// against a model of the file, the open modes, and failures to open.
 #include "channel/channel_test_util.h"
-#include "frame/file_test_dir.h"
 #include "qk/file.h"
-
-using namespace chantest;
 
 namespace {
 
-class ChannelFileTest : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() { Init(); }
+class FileTest : public ChannelTest {};
 
-    TempDir dir_;
-};
-
-TEST_F(ChannelFileTest, OpenModes) {
-    std::string path = dir_ / "f.txt";
+// What is buffered decides what the model allows: a write only when nothing
+// read is buffered, a read only when nothing written is.
+TEST_F(FileTest, MatchesAModelOfTheFile) {
+    const std::string path = dir_ / "model";
+    std::string model = Random(2 * CHANNEL_BUFFER_SIZE, 1);
+    WriteWhole(path, model);
     Channel *channel = ChannelNew(-1, -1);
-    EXPECT_EQ(ChannelOpenFile(channel, path.c_str(), "r"), 0);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(ChannelOpenFile(channel, (dir_ / "no/dir/f").c_str(), "w"), 0);
-    EXPECT_EQ(errno, ENOENT);
-
-    ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "w"), 1);
-    EXPECT_FALSE(ChannelIsSocket(channel));
-    EXPECT_EQ(ChannelWriteString(channel, "abc"), 1);
-    ASSERT_EQ(ChannelSync(channel), 1);
-    EXPECT_EQ(ReadWhole(path), "abc");
-    // "a" keeps what is there and writes at the end.
-    ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "a"), 1);
-    Long offset = -1;
-    EXPECT_EQ(ChannelFileTell(channel, &offset), 1);
-    EXPECT_EQ(offset, 3);
-    EXPECT_EQ(ChannelWriteString(channel, "de"), 1);
-    ASSERT_EQ(ChannelFlush(channel), 1);
-    EXPECT_EQ(ReadWhole(path), "abcde");
-    // "r" reads; "w" empties.
-    ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "r"), 1);
-    EXPECT_EQ(ChannelReadByte(channel), 'a');
-    ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "w"), 1);
-    EXPECT_EQ(ReadWhole(path), "");
-    EXPECT_EQ(ChannelClose(channel), 1);
-}
-
-TEST_F(ChannelFileTest, BadModesAndPaths) {
-    std::string path = dir_ / "g";
-    Channel *channel = ChannelNew(-1, -1);
-    for (const char *mode : {"", "rw", "x", "R", "w+"}) {
-        errno = 0;
-        EXPECT_EQ(ChannelOpenFile(channel, path.c_str(), mode), 0) << mode;
-        EXPECT_EQ(errno, EINVAL) << mode;
+    ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "a"), 1);  // at the end
+    size_t pos = model.size();
+    int result = 0;
+    enum { kNone, kReading, kWriting } buffered = kNone;
+    std::mt19937 random(7);
+    for (int step = 0; step < 400; step++) {
+        const UInt n = random() % (random() % 2 ? 20 : 2 * CHANNEL_BUFFER_SIZE);
+        const int op = random() % 5;
+        Long offset = (Long)(random() % (model.size() + 1)) * (random() % 2 ? 1 : -1);
+        if (op == 0) {  // a negative offset counts from the end
+            ASSERT_EQ(ChannelFileSeek(channel, offset), 1);
+            pos = offset >= 0 ? (size_t)offset : model.size() + offset;
+            buffered = kNone;
+        } else if (op == 1) {
+            ASSERT_EQ(ChannelFileTell(channel, &offset), 1);
+            EXPECT_EQ(offset, (Long)pos) << step;
+            if (buffered == kWriting) buffered = kNone;
+        } else if (op == 2 && buffered != kWriting) {
+            const std::string expected = pos < model.size() ? model.substr(pos, n) : "";
+            ASSERT_TRUE(ReadBuf(channel, n, &result) == expected) << step;
+            EXPECT_EQ(result, expected.size() < n ? -1 : 0);
+            pos += expected.size();
+            buffered = kReading;
+        } else if (op == 3 && buffered != kReading && n > 0) {
+            const std::string bytes = Random(n, step);
+            ASSERT_EQ(ChannelWriteBuf(channel, bytes.data(), n), 1);
+            if (pos > model.size()) model.resize(pos, '\0');  // a hole
+            model.replace(pos, n, bytes);
+            pos += n;
+            buffered = kWriting;
+        } else if (op == 4) {
+            model.resize(random() % (model.size() + 1));
+            ASSERT_TRUE(ChannelFileTruncate(channel, model.size()) &&
+                        FileSize(path.c_str()) == model.size());
+            buffered = kNone;
+        }
     }
-    errno = 0;
-    EXPECT_EQ(ChannelOpenFile(channel, (dir_ / "bad\xff").c_str(), "w"), 0);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(ChannelOpenFile(channel, (dir_ / "bad\xC0\x80").c_str(), "w"), 0);
-    EXPECT_EQ(errno, EINVAL);
+    // Synced, "r" reads what is there; "w" empties the file.
+    ASSERT_EQ(ChannelSync(channel), 1);
+    for (const char *mode : {"r", "w"}) {
+        ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), mode), 1);
+        EXPECT_TRUE(ReadBuf(channel, (UInt)model.size() + 1, &result) ==
+                    (*mode == 'r' ? model : ""));
+    }
+    ASSERT_EQ(ChannelClose(channel), 1);
+}
+
+TEST_F(FileTest, OpenFailures) {
+    const std::string path = dir_ / "g", missing = "0 2,0: No such file or directory",
+                      invalid = "0 22,0: Invalid argument";
+    const struct {
+        std::string path;
+        const char *mode;
+        std::string outcome;
+    } cases[] = {
+        // clang-format off
+        {path, "r", missing}, {dir_ / "no/dir/f", "w", missing}, {path, "", invalid},
+        {path, "rw", invalid}, {path, "x", invalid}, {path, "R", invalid}, {path, "w+", invalid},
+        {dir_ / "bad\xff", "w", invalid}, {dir_ / "bad\xC0\x80", "w", invalid},
+        {dir_.Path(), "w", "0 21,1: Is a directory"},
+        // clang-format on
+    };
+    Channel *channel = ChannelNew(-1, -1);
+    for (const auto &c : cases) {
+        QKErrorClear();
+        EXPECT_EQ(Outcome(ChannelOpenFile(channel, c.path.c_str(), c.mode)), c.outcome) << c.mode;
+    }
     EXPECT_FALSE(FileExists(path.c_str()));
-    // Another system error comes as the OS error.
-    EXPECT_EQ(ChannelOpenFile(channel, dir_.Path().c_str(), "w"), 0);
-    EXPECT_TRUE(HasError(EISDIR, QK_DOMAIN_OS));
+    // A UCS2 path goes as UTF-8, and a zero unit in it is refused.
+    std::vector<UShort> wide(dir_.Path().begin(), dir_.Path().end());
+    wide.insert(wide.end(), {'/', 0x00E9, 0x20AC, '.', 't'});
+    ASSERT_EQ(ChannelOpenFileUCS2(channel, wide.data(), (UInt)wide.size(), "w"), 1);
+    EXPECT_TRUE(ChannelWriteString(channel, "x") && ChannelFlush(channel));
+    EXPECT_EQ(ReadWhole(dir_ / "\xC3\xA9\xE2\x82\xAC.t"), "x");
+    wide.insert(wide.end() - 1, 0);
+    EXPECT_EQ(Outcome(ChannelOpenFileUCS2(channel, wide.data(), (UInt)wide.size(), "w")), invalid);
     EXPECT_EQ(ChannelClose(channel), 1);
-}
-
-TEST_F(ChannelFileTest, UCS2Path) {
-    std::string dir = dir_.Path();
-    std::vector<UShort> path(dir.begin(), dir.end());
-    for (UShort c : {(UShort)'/', (UShort)0x00E9, (UShort)0x20AC, (UShort)'.', (UShort)'t'})
-        path.push_back(c);
-    Channel *channel = ChannelNew(-1, -1);
-    ASSERT_EQ(ChannelOpenFileUCS2(channel, path.data(), (UInt)path.size(), "w"), 1);
-    EXPECT_EQ(ChannelWriteString(channel, "x"), 1);
-    EXPECT_EQ(ChannelClose(channel), 1);
-    EXPECT_EQ(ReadWhole(dir + "/\xC3\xA9\xE2\x82\xAC.t"), "x");
-    channel = ChannelNew(-1, -1);
-    path.insert(path.end() - 1, 0);
-    EXPECT_EQ(ChannelOpenFileUCS2(channel, path.data(), (UInt)path.size(), "w"), 0);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(ChannelClose(channel), 1);
-}
-
-TEST_F(ChannelFileTest, SeekAndTellThroughTheBuffers) {
-    std::string path = dir_ / "digits";
-    WriteWhole(path, "0123456789");
-    Channel *channel = ChannelNew(-1, -1);
-    ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "r"), 1);
-    EXPECT_EQ(ChannelReadByte(channel), '0');
-    EXPECT_EQ(ChannelReadByte(channel), '1');
-    EXPECT_EQ(ChannelReadByte(channel), '2');
-    // The whole file sits in the buffer; the caller has read three bytes.
-    Long offset = -1;
-    ASSERT_EQ(ChannelFileTell(channel, &offset), 1);
-    EXPECT_EQ(offset, 3);
-    ASSERT_EQ(ChannelFileSeek(channel, -2), 1);
-    EXPECT_EQ(ChannelReadByte(channel), '8');
-    ASSERT_EQ(ChannelFileTell(channel, &offset), 1);
-    EXPECT_EQ(offset, 9);
-    ASSERT_EQ(ChannelFileSeek(channel, 5), 1);
-    EXPECT_EQ(ChannelReadByte(channel), '5');
-    ASSERT_EQ(ChannelFileSeek(channel, 0), 1);
-    EXPECT_EQ(ChannelReadByte(channel), '0');
-    EXPECT_EQ(ChannelClose(channel), 1);
-
-    // On the write side, Tell flushes and counts what was written.
-    channel = ChannelNew(-1, -1);
-    ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "w"), 1);
-    EXPECT_EQ(ChannelWriteString(channel, "hello"), 1);
-    ASSERT_EQ(ChannelFileTell(channel, &offset), 1);
-    EXPECT_EQ(offset, 5);
-    EXPECT_EQ(ReadWhole(path), "hello");
-    // Seek flushes before it moves.
-    EXPECT_EQ(ChannelWriteString(channel, "!!"), 1);
-    ASSERT_EQ(ChannelFileSeek(channel, 1), 1);
-    EXPECT_EQ(ChannelWriteString(channel, "E"), 1);
-    EXPECT_EQ(ChannelClose(channel), 1);
-    EXPECT_EQ(ReadWhole(path), "hEllo!!");
-}
-
-TEST_F(ChannelFileTest, TruncateKeepsThePositionTheCallerSees) {
-    std::string path = dir_ / "t";
-    WriteWhole(path, "abcdefghij");
-    Channel *channel = ChannelNew(-1, -1);
-    ASSERT_EQ(ChannelOpenFile(channel, path.c_str(), "a"), 1);
-    ASSERT_EQ(ChannelFileSeek(channel, 0), 1);
-    EXPECT_EQ(ChannelReadByte(channel), 'a');
-    EXPECT_EQ(ChannelReadByte(channel), 'b');
-    ASSERT_EQ(ChannelFileTruncate(channel, 4), 1);
-    EXPECT_EQ(FileSize(path.c_str()), 4u);
-    EXPECT_EQ(ChannelReadByte(channel), 'c');
-    EXPECT_EQ(ChannelReadByte(channel), 'd');
-    EXPECT_EQ(ChannelReadByte(channel), -1);
-    EXPECT_EQ(ChannelClose(channel), 1);
-}
-
-TEST_F(ChannelFileTest, FileCallsRefuseSockets) {
-    Pair pair;
-    Long offset;
-    EXPECT_EQ(ChannelFileSeek(pair.channel, 0), 0);
-    EXPECT_TRUE(
-        HasError(QK_ERR_FAILURE, QK_DOMAIN_GENERAL, "ChannelFileSeek: the Channel is not a file"));
-    EXPECT_EQ(ChannelFileTell(pair.channel, &offset), 0);
-    EXPECT_TRUE(
-        HasError(QK_ERR_FAILURE, QK_DOMAIN_GENERAL, "ChannelFileSeek: the Channel is not a file"));
-    EXPECT_EQ(ChannelFileTruncate(pair.channel, 0), 0);
-    EXPECT_TRUE(HasError(QK_ERR_FAILURE, QK_DOMAIN_GENERAL,
-                         "ChannelFileTruncate: the Channel is not a file"));
-}
-
-TEST_F(ChannelFileTest, DescriptorsOfTheCaller) {
-    std::string path = dir_ / "d";
-    WriteWhole(path, "xyz");
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    Channel *channel = ChannelNew(-1, -1);
-    ASSERT_EQ(ChannelSetFD(channel, fd, 0), 1);
-    EXPECT_EQ(ChannelReadByte(channel), 'x');
-    EXPECT_EQ(ChannelClose(channel), 1);
-    // Not owned: still open.
-    char c;
-    EXPECT_EQ(read(fd, &c, 1), 0);
-    channel = ChannelNew(-1, -1);
-    ASSERT_EQ(ChannelSetFD(channel, fd, 1), 1);
-    EXPECT_EQ(ChannelClose(channel), 1);
-    EXPECT_EQ(read(fd, &c, 1), -1);
-    EXPECT_EQ(errno, EBADF);
 }
 
 }  // namespace

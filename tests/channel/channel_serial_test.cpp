@@ -1,15 +1,16 @@
 // Serial forms: exact bytes of integers, byte Arrays, element Arrays and
-// FArrays, their round trips, where a read FArray keeps its elements, and
-// streams that end too soon.
+// FArrays (from a block and fragments), and what a read leaves in a target
+// that held something before, for whole, short and impossible streams.
 #include "channel/channel_test_util.h"
-
-using namespace chantest;
 
 namespace {
 
-class ChannelSerialTest : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() { Init(); }
+class SerialTest : public ChannelTest {
+  public:
+    static int WriteUInt(Channel *c, const void *e, void *) {
+        return ChannelWriteUIntLE(c, *(const UInt *)e);
+    }
+    static int ReadUInt(Channel *c, void *e, void *) { return ChannelReadUIntLE(c, (UInt *)e); }
 };
 
 std::string LE(ULong value, int width) {
@@ -18,164 +19,118 @@ std::string LE(ULong value, int width) {
     return s;
 }
 
-int WriteUInt(Channel *channel, const void *element, void *) {
-    return ChannelWriteUIntLE(channel, *static_cast<const UInt *>(element));
-}
-
-int ReadUInt(Channel *channel, void *element, void *) {
-    return ChannelReadUIntLE(channel, static_cast<UInt *>(element));
-}
-
-TEST_F(ChannelSerialTest, IntegersLittleEndianByteByByte) {
+// Integers go byte by byte, least significant first, of every width and
+// also across a full buffer; then the arrays.
+TEST_F(SerialTest, ExactBytesOfEveryForm) {
     Pair pair;
     const ULong v = 0x0807060504030201ULL;
-    std::string expected;
-    for (UInt width = 0; width <= 8; width++) {
-        ASSERT_EQ(ChannelWriteIntegerLE(pair.channel, v, width), 1);
-        expected += LE(v, (int)width);
-    }
-    EXPECT_EQ(pair.Drain(), expected);
-    pair.Send(expected);
     for (UInt width = 0; width <= 8; width++) {
         ULong got = 0xFFFF;
+        ASSERT_EQ(ChannelWriteIntegerLE(pair.channel, v, width), 1);
+        const std::string wire = pair.Drain();
+        EXPECT_EQ(wire, LE(v, (int)width));
+        pair.Send(wire);
         ASSERT_EQ(ChannelReadIntegerLE(pair.channel, &got, width), 1);
         EXPECT_EQ(got, width == 8 ? v : v & ((1ULL << (8 * width)) - 1)) << width;
     }
     // Across a full buffer.
     std::string fill(CHANNEL_BUFFER_SIZE - 3, 'f');
-    ASSERT_EQ(ChannelWriteBuf(pair.channel, fill.data(), (UInt)fill.size()), 1);
-    ASSERT_EQ(ChannelWriteUIntLE(pair.channel, 0xA1B2C3D4u), 1);
+    ASSERT_TRUE(ChannelWriteBuf(pair.channel, fill.data(), (UInt)fill.size()) &&
+                ChannelWriteUIntLE(pair.channel, 0xA1B2C3D4u));
     EXPECT_EQ(pair.Drain(), fill + "\xD4\xC3\xB2\xA1");
-    // The end of the stream inside a value.
-    pair.Send("\x01\x02\x03");
-    pair.ClosePeer();
-    UInt value = 0;
-    EXPECT_EQ(ChannelReadUIntLE(pair.channel, &value), 0);
-    EXPECT_TRUE(HasError(QK_ERR_EOF, QK_DOMAIN_GENERAL, "read EOF"));
     EXPECT_DEATH(ChannelWriteIntegerLE(pair.channel, 1, 9), "len <= sizeof\\(ULong\\)");
-}
-
-TEST_F(ChannelSerialTest, ByteArrays) {
-    Pair pair;
-    ByteArray text = {}, empty = {}, got = {};
-    ArrayAppend(text, "hello", 5);
-    ASSERT_EQ(ChannelWriteByteArray(pair.channel, &text), 1);
-    ASSERT_EQ(ChannelWriteByteArray(pair.channel, &empty), 1);
-    std::string wire = pair.Drain();
-    EXPECT_EQ(wire, LE(5, 4) + "hello" + LE(0, 4));
-    pair.Send(wire);
-    ArrayAppend(got, "previous content", 16);
-    ASSERT_EQ(ChannelReadByteArray(pair.channel, &got), 1);
-    EXPECT_STREQ((char *)got.data, "hello");
-    EXPECT_EQ(got.length, 5u);
-    ASSERT_EQ(ChannelReadByteArray(pair.channel, &got), 1);
-    EXPECT_EQ(got.length, 0u);
-    EXPECT_EQ(got.data[0], 0);
-    // A length that promises more than comes.
-    pair.Send(LE(10, 4) + "abc");
-    pair.ClosePeer();
-    EXPECT_EQ(ChannelReadByteArray(pair.channel, &got), 0);
-    EXPECT_TRUE(HasError(QK_ERR_EOF, QK_DOMAIN_GENERAL, "read EOF"));
-    EXPECT_STREQ((char *)got.data, "abc");
-    ArrayFree(text);
-    ArrayFree(got);
-}
-
-TEST_F(ChannelSerialTest, ElementArrays) {
-    Pair pair;
-    UIntArray numbers = {}, got = {};
-    for (UInt i = 1; i <= 3; i++) ArrayAdd(numbers, i * 0x01010101u);
-    ASSERT_EQ(ChannelWriteArray(pair.channel, numbers, WriteUInt, nullptr), 1);
-    std::string wire = pair.Drain();
-    EXPECT_EQ(wire, LE(3, 4) + LE(0x01010101, 4) + LE(0x02020202, 4) + LE(0x03030303, 4));
-    pair.Send(wire);
-    ArrayAdd(got, 99u);
-    ASSERT_EQ(ChannelReadArray(pair.channel, got, ReadUInt, nullptr), 1);
-    ASSERT_EQ(got.length, 3u);
-    EXPECT_EQ(got.data[2], 0x03030303u);
-    // A stream cut after two elements leaves those two.
-    pair.Send(LE(3, 4) + LE(7, 4) + LE(8, 4));
-    pair.ClosePeer();
-    EXPECT_EQ(ChannelReadArray(pair.channel, got, ReadUInt, nullptr), 0);
-    EXPECT_EQ(got.length, 2u);
-    EXPECT_EQ(got.data[1], 8u);
-    ArrayFree(numbers);
-    ArrayFree(got);
-}
-
-TEST_F(ChannelSerialTest, FArrayRoundTripAndWhereElementsLand) {
-    Pair pair;
+    // Arrays: an FArray goes from its block and its fragments in order, raw
+    // or by elements.
+    ByteArray text = {}, empty = {};
+    UIntArray numbers = {};
     FArray array;
-    FArrayInitHeap(array, 4);
-    ASSERT_EQ(FArrayWriteRaw_(&array, pair.channel, sizeof(UInt)), 1);
-    EXPECT_EQ(pair.Drain(), std::string(8, '\0'));
-    // Elements in data0 and in five fragments (4 + 4 + 8 + 16 and part of 32).
-    ASSERT_EQ(FArrayEnsureCapacity0(array, UInt, 3), 1);
+    ArrayAppend(text, "hello", 5);
+    for (UInt i = 1; i <= 3; i++) ArrayAdd(numbers, i * 0x01010101u);
+    FArrayInitHeap(array, 2);
+    ASSERT_EQ(FArrayWriteRaw_(&array, pair.channel, sizeof(UInt)), 1);  // its count alone
+    ASSERT_EQ(FArrayEnsureCapacity0(array, UInt, 3), 1);  // a block of 3, then 2, 2, 4...
     array.length = 3;
-    std::string expected = LE(40, 8);
+    std::string farray = LE(40, 8);
     for (UInt i = 0; i < 40; i++) {
-        UInt v = i * 3;
+        UInt x = i * 3;
         int ok = 1;
-        if (i < 3)
-            FArrayNth(array, UInt, i) = v;
-        else
-            ASSERT_GE(FArrayAdd(array, &v, &ok), 0);
-        expected += LE(v, 4);
+        if (i < 3) FArrayNth(array, UInt, i) = x;
+        ASSERT_TRUE(i < 3 || FArrayAdd(array, &x, &ok) == (Int)i);
+        farray += LE(x, 4);
     }
-    ASSERT_EQ(FArrayWriteRaw_(&array, pair.channel, sizeof(UInt)), 1);
-    EXPECT_EQ(pair.Drain(), expected);
-    ASSERT_EQ(FArrayWrite_(&array, pair.channel, nullptr, WriteUInt, sizeof(UInt)), 1);
-    EXPECT_EQ(pair.Drain(), expected);
-
-    // Read into an array that has content and fragments of its own: all of
-    // it lands in data0, and appends go to the fragments.
-    FArray back;
-    FArrayInitHeap(back, 2);
-    for (UInt i = 0; i < 9; i++) {
-        int ok = 1;
-        FArrayAdd(back, &i, &ok);
-    }
-    for (bool raw : {true, false}) {
-        pair.Send(expected);
-        ASSERT_EQ(raw ? FArrayReadRaw_(&back, pair.channel, sizeof(UInt), __FILE__, __LINE__)
-                      : FArrayRead_(&back, pair.channel, nullptr, ReadUInt, sizeof(UInt), __FILE__,
-                                    __LINE__),
-                  1);
-        EXPECT_EQ(back.length, 40u);
-        EXPECT_EQ(back.length0, 40u);
-        for (UInt i = 0; i < 40; i++) EXPECT_EQ(FArrayNth(back, UInt, i), i * 3);
-    }
-    UInt extra = 7777, end = 0;
-    int ok = 1;
-    ASSERT_EQ(FArrayAdd(back, &extra, &ok), 40);
-    EXPECT_EQ(FArrayRange(back, UInt, 40, &end), (UInt *)back.data[0]);
-    FArrayFree(array, UInt);
-    FArrayFree(back, UInt);
+    ASSERT_TRUE(ChannelWriteByteArray(pair.channel, &text) &&
+                ChannelWriteByteArray(pair.channel, &empty) &&
+                ChannelWriteArray(pair.channel, numbers, WriteUInt, nullptr) &&
+                FArrayWriteRaw_(&array, pair.channel, sizeof(UInt)) &&
+                FArrayWrite_(&array, pair.channel, nullptr, WriteUInt, sizeof(UInt)));
+    EXPECT_TRUE(pair.Drain() == LE(0, 8) + LE(5, 4) + "hello" + LE(0, 4) + LE(3, 4) +
+                                    LE(0x01010101, 4) + LE(0x02020202, 4) + LE(0x03030303, 4) +
+                                    farray + farray);
+    ArrayFree(text);
+    ArrayFree(numbers);
+    EXPECT_EQ(FArrayFree(array, UInt), 1);
 }
 
-TEST_F(ChannelSerialTest, FArrayStreamsThatEndTooSoon) {
-    for (bool raw : {true, false}) {
-        Pair pair;
-        FArray back;
-        FArrayInitHeap(back, 4);
-        pair.Send(LE(5, 8) + LE(1, 4) + LE(2, 4));
-        pair.ClosePeer();
-        EXPECT_EQ(raw ? FArrayReadRaw_(&back, pair.channel, sizeof(UInt), __FILE__, __LINE__)
-                      : FArrayRead_(&back, pair.channel, nullptr, ReadUInt, sizeof(UInt), __FILE__,
-                                    __LINE__),
-                  0);
-        EXPECT_TRUE(HasError(QK_ERR_EOF, QK_DOMAIN_GENERAL, "read EOF"));
+enum Form { kBytes, kElements, kFArrayRaw, kFArray };
+
+// What a read of `form` leaves in a target that held something: the bytes
+// and the terminator, the elements, or an FArray's block length and its
+// elements (a read puts them all in a new block).
+std::string Held(Channel *channel, Form form, int *result) {
+    ByteArray bytes = {};
+    UIntArray elements = {};
+    FArray array;
+    ArrayAppend(bytes, "before", 6);
+    ArrayAdd(elements, 99u);
+    FArrayInitHeap(array, 2);
+    EXPECT_EQ(FArrayEnsureCapacity0(array, UInt, 3), 1);
+    if (form == kBytes) *result = ChannelReadByteArray(channel, &bytes);
+    if (form == kElements) *result = ChannelReadArray(channel, elements, SerialTest::ReadUInt, 0);
+    if (form == kFArrayRaw) *result = FArrayReadRaw_(&array, channel, sizeof(UInt), "f", 1);
+    if (form == kFArray) *result = FArrayRead_(&array, channel, 0, SerialTest::ReadUInt, 4, "f", 1);
+    std::string held = form == kBytes ? std::string((char *)bytes.data, bytes.length + 1) : "";
+    for (UInt i = 0; form == kElements && i < elements.length; i++)
+        held += std::to_string(elements.data[i]) + " ";
+    if (form >= kFArrayRaw) held = std::to_string(array.length0) + ":";
+    for (UInt i = 0; form >= kFArrayRaw && i < array.length; i++)
+        held += " " + std::to_string(FArrayNth(array, UInt, i));
+    ArrayFree(bytes);
+    ArrayFree(elements);
+    EXPECT_EQ(FArrayFree(array, UInt), 1);
+    return held;
+}
+
+TEST_F(SerialTest, WhatAReadLeaves) {
+    const std::string eof = "7,2: read EOF", tooMany = "3,2: protocol error";
+    const std::string twoOfFive = LE(5, 8) + LE(1, 4) + LE(2, 4);
+    const struct {
+        Form form;
+        std::string wire, held, error;  // no error: the read passes
+    } cases[] = {
+        // clang-format off
+        {kBytes, LE(5, 4) + "hello", std::string("hello", 6), ""}, {kBytes, LE(0, 4), {'\0'}, ""},
+        {kBytes, "\x01\x02\x03", std::string("before", 7), eof},  // inside the length
+        {kBytes, LE(10, 4) + "abc", std::string("abc", 4), eof},
+        {kBytes, LE(0x80000000u, 4), std::string("before", 7), tooMany},
+        {kElements, LE(2, 4) + LE(7, 4) + LE(8, 4), "7 8 ", ""},
+        {kElements, LE(3, 4) + LE(7, 4) + LE(8, 4), "7 8 ", eof},  // whole elements only
+        {kElements, LE(0x80000000u, 4), "99 ", tooMany},
+        {kFArray, LE(0, 8), "0:", ""}, {kFArray, LE(2, 8) + LE(1, 4) + LE(2, 4), "2: 1 2", ""},
+        {kFArrayRaw, LE(3, 8) + LE(1, 4) + LE(2, 4) + LE(3, 4), "3: 1 2 3", ""},
         // The block is there for all five; only whole elements count.
-        EXPECT_EQ(back.length0, 5u);
-        EXPECT_EQ(back.length, raw ? 0u : 2u);
-        EXPECT_EQ(FArrayFree(back, UInt), 1);
+        {kFArrayRaw, twoOfFive, "5:", eof}, {kFArray, twoOfFive, "5: 1 2", eof},
+        {kFArrayRaw, LE(1ULL << 32, 8), "3:", tooMany},
+        // clang-format on
+    };
+    for (const auto &c : cases) {
+        Pair pair;
+        pair.Send(c.wire);
+        pair.Leave();
+        int result = -1;
+        EXPECT_EQ(Held(pair.channel, c.form, &result), c.held) << &c - cases;
+        EXPECT_EQ(result, c.error.empty()) << &c - cases;
+        EXPECT_TRUE(c.error.empty() || ErrorText() == c.error) << ErrorText();
     }
-    Pair pair;
-    FArray back;
-    FArrayInitHeap(back, 4);
-    pair.Send(LE(1ULL << 32, 8));
-    EXPECT_EQ(FArrayReadRaw_(&back, pair.channel, sizeof(UInt), __FILE__, __LINE__), 0);
-    EXPECT_TRUE(HasError(QK_ERR_FORMAT, QK_DOMAIN_GENERAL, "protocol error"));
 }
 
 }  // namespace

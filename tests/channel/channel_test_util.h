@@ -1,131 +1,67 @@
-// Helpers of the channel tests: channel pairs over a socket pair, a plain
-// loopback listener, raw reads and writes on the far end, and the checks of
-// the thread's error state.
+// Helpers of the channel tests: the fixture that starts the library and
+// gives each test a directory for its files and local sockets, a channel on
+// one end of a socket pair, reads and lines through channels, and the
+// thread's error state as one text.
 #pragma once
 
-#include <arpa/inet.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <random>
 #include <string>
+#include <thread>
 
-#include "qk/channel.h"
-#include "qk/frame.h"
+#include "frame/file_test_dir.h"
+#include "qk/qkcommon.h"
 
-namespace chantest {
+// Local sockets are "<dir_>/qk.test.<name>.<port>".
+class ChannelTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        QKLibInit("channeltest");
+        QKErrorClear();
+        setenv("QK_SOCKET_DIR", dir_.Path().c_str(), 1);
+        QKUnixSocketSetBase("test");
+    }
+    void TearDown() override {
+        unsetenv("QK_SOCKET_DIR");
+        QKUnixSocketSetBase(nullptr);
+        QKSetNamedPipeSecurityDescriptor(nullptr);
+        QKSetMessageHandler(nullptr);
+    }
 
-inline void Init() {
-    QKLibInit("channeltest");
+    TempDir dir_;
+};
+
+// "code,domain: message" of the thread's error state.
+inline std::string ErrorText() {
+    const ULong code = QKErrorCode();
+    return std::to_string(code & 0xFFFFFFFF) + "," + std::to_string(code >> 32) + ": " +
+           QKErrorMessage();
 }
 
-// The error state as the contract gives it: the 64-bit code and the text.
-inline ::testing::AssertionResult HasError(Int code, Int domain, const char *text = nullptr) {
-    ULong got = QKErrorCode();
-    if (got != QK_ERROR_CODE(code, domain))
-        return ::testing::AssertionFailure()
-               << "code " << (got & 0xFFFFFFFFu) << " domain " << (got >> 32) << " ("
-               << QKErrorMessage() << "), expected " << code << "/" << domain;
-    if (text != nullptr && std::string(QKErrorMessage()).find(text) == std::string::npos)
-        return ::testing::AssertionFailure() << "message \"" << QKErrorMessage() << "\"";
-    return ::testing::AssertionSuccess();
+// A call's result and the error state after it, as one text.
+inline std::string Outcome(Long result) {
+    return std::to_string(result) + " " + ErrorText();
 }
 
-// A channel over one end of a socket pair; the other end stays a raw
-// descriptor for the test to play the peer.
-struct Pair {
-    Channel *channel = nullptr;
-    int peer = -1;
+inline std::string Random(size_t size, unsigned seed) {
+    std::mt19937 random(seed);
+    std::string bytes(size, '\0');
+    for (char &c : bytes) c = (char)random();
+    return bytes;
+}
 
-    explicit Pair(Int readTimeout = -1, Int writeTimeout = -1) {
-        int fds[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-        channel = ChannelNew(readTimeout, writeTimeout);
-        EXPECT_EQ(ChannelSetFD(channel, fds[0], 1), 1);
-        peer = fds[1];
-    }
-    ~Pair() {
-        if (channel != nullptr) ChannelClose(channel);
-        ClosePeer();
-    }
-    void ClosePeer() {
-        if (peer >= 0) close(peer);
-        peer = -1;
-    }
-    void Send(const std::string &bytes) const {
-        size_t done = 0;
-        while (done < bytes.size()) {
-            ssize_t n = write(peer, bytes.data() + done, bytes.size() - done);
-            ASSERT_GT(n, 0);
-            done += (size_t)n;
-        }
-    }
-    // Exactly `size` bytes from the peer's end.
-    std::string Receive(size_t size) const {
-        std::string bytes(size, '\0');
-        size_t done = 0;
-        while (done < size) {
-            ssize_t n = read(peer, &bytes[done], size - done);
-            if (n <= 0) break;
-            done += (size_t)n;
-        }
-        bytes.resize(done);
-        return bytes;
-    }
-    // Flushes the channel and takes all the peer has received.
-    std::string Drain() const {
-        EXPECT_EQ(ChannelFlush(channel), 1);
-        std::string bytes;
-        char buffer[65536];
-        ssize_t n;
-        while ((n = recv(peer, buffer, sizeof buffer, MSG_DONTWAIT)) > 0) bytes.append(buffer, n);
-        return bytes;
-    }
-};
-
-// Two channels over the two ends of one socket pair.
-struct ChannelPair {
-    Channel *a;
-    Channel *b;
-    ChannelPair() {
-        int fds[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-        a = ChannelNew(-1, -1);
-        b = ChannelNew(-1, -1);
-        EXPECT_EQ(ChannelSetFD(a, fds[0], 1), 1);
-        EXPECT_EQ(ChannelSetFD(b, fds[1], 1), 1);
-    }
-    ~ChannelPair() {
-        ChannelClose(a);
-        ChannelClose(b);
-    }
-};
-
-// A plain listening TCP socket on 127.0.0.1 and an ephemeral port.
-struct Listener {
-    int fd = -1;
-    UShort port = 0;
-
-    Listener() {
-        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        struct sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(fd, 16), 0);
-        socklen_t length = sizeof address;
-        EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length), 0);
-        port = ntohs(address.sin_port);
-    }
-    ~Listener() {
-        if (fd >= 0) close(fd);
-    }
-    int Accept() const { return accept4(fd, nullptr, nullptr, SOCK_CLOEXEC); }
-    TCPAddr Addr() const { return TCPAddrLocal(QK_FAMILY_IPV4, port); }
-};
+// What ChannelReadBuf gives for `size` bytes, its result in `result`.
+inline std::string ReadBuf(Channel *channel, UInt size, int *result) {
+    std::string bytes(size, '\0');
+    UInt count = 0;
+    *result = ChannelReadBuf(channel, bytes.data(), size, &count);
+    return bytes.substr(0, count);
+}
 
 // One line as text, with the terminator behind it checked; `result` gets
 // what ChannelReadLine returned.
@@ -139,8 +75,56 @@ inline std::string ReadLine(Channel *channel, UInt max = 0, int *result = nullpt
     return text;
 }
 
+inline bool WriteLine(Channel *channel, const std::string &line) {
+    return ChannelWriteBuf(channel, line.data(), (UInt)line.size()) == 1 &&
+           ChannelWriteByte(channel, '\n') == 1 && ChannelFlush(channel) == 1;
+}
+
+// Writes blocks of 1 MiB until one fails (0), or 64 of them went (1).
+inline int WriteUntilFailure(Channel *channel) {
+    const std::string block(1 << 20, 'w');
+    int result = 1;
+    for (int i = 0; i < 64 && result; i++) result = ChannelWriteBuf(channel, block.data(), 1 << 20);
+    return result;
+}
+
+// A channel on one end of a socket pair; the test plays the peer on the
+// other end, raw or through a second channel that does not own it.
+struct Pair {
+    Channel *channel, *far = ChannelNew(-1, -1);
+    int peer = -1;
+
+    explicit Pair(Int readTimeout = -1, Int writeTimeout = -1)
+        : channel(ChannelNew(readTimeout, writeTimeout)) {
+        int fds[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+        EXPECT_TRUE(ChannelSetFD(channel, fds[0], 1) && ChannelSetFD(far, peer = fds[1], 0));
+    }
+    ~Pair() {
+        ChannelClose(channel);
+        ChannelClose(far);
+        EXPECT_EQ(close(peer), 0) << "closed by a channel that does not own it";
+    }
+    // The peer goes: the channel reads the end of the stream, and writes fail.
+    void Leave() const { shutdown(peer, SHUT_RDWR); }
+    void Send(const std::string &bytes) const {
+        ASSERT_EQ(send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL), (ssize_t)bytes.size());
+    }
+    // Flushes the channel and takes all the peer has received so far.
+    std::string Drain() const {
+        EXPECT_EQ(ChannelFlush(channel), 1);
+        std::string bytes;
+        char buffer[65536];
+        for (ssize_t n; (n = recv(peer, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
+            bytes.append(buffer, n);
+        return bytes;
+    }
+};
+
+inline long OpenDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
 inline bool IsNonBlocking(int fd) {
     return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
 }
-
-}  // namespace chantest
