@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test run asan tsan bench bench-server fuzz format clean
+.PHONY: all deps build test run asan tsan coverage bench bench-server fuzz format clean
 
 all: build
 
@@ -35,6 +35,16 @@ tsan: deps
 	cmake --build build-tsan -j $(JOBS)
 	ctest --test-dir build-tsan --output-on-failure -j $(JOBS)
 
+# Coverage of src/ by the whole suite: gcovr's summary, then a line per
+# subsystem.
+coverage:
+	./scripts/install-deps.sh --dev
+	cmake -S . -B build-coverage -DCMAKE_BUILD_TYPE=Debug -DQK_COVERAGE=ON
+	cmake --build build-coverage -j $(JOBS)
+	find build-coverage -name '*.gcda' -delete
+	ctest --test-dir build-coverage --output-on-failure -j $(JOBS)
+	./scripts/coverage-summary.sh build-coverage
+
 # Benchmarks against peer libraries; each prints our time beside the peer's.
 bench:
 	./scripts/install-deps.sh --bench
@@ -65,4 +75,4 @@ format:
 	find include src tests tools bench -name '*.[ch]' -o -name '*.cpp' -o -name '*.hpp' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) build-asan build-tsan build-bench build-fuzz
+	rm -rf $(BUILD) build-asan build-tsan build-coverage build-bench build-fuzz

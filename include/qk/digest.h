@@ -1,7 +1,7 @@
 /*
  * Digests, certificates, public keys and compression.
  *
- * QKDigest computes MD5. The certificate and public-key functions are thin
+ * QKDigest computes MD5 by itself. The certificate and public-key functions are thin
  * wrappers of the TLS library's objects; they fail with the TLS library's
  * reason as a (5, 2) error. Compress runs whole buffers through zlib's
  * deflate and inflate, with a preset dictionary when one is set.
@@ -18,7 +18,15 @@ QK_BEGIN_DECLS
 
 #define QK_DIGEST_SIZE 16
 
-typedef struct QKDigest QKDigest;
+/* An MD5 computation as a plain record: it holds no other memory, so that a
+ * copy of the record is a clone. `bits` counts the bits fed; once the result
+ * is computed it is all ones until the next reset. */
+typedef struct QKDigest {
+    ULong bits;
+    UInt state[4];
+    UByte block[64];
+    UByte result[QK_DIGEST_SIZE];
+} QKDigest;
 
 /* A digest, reset. */
 QK_API QKDigest *QKDigestNew(void);

@@ -5,7 +5,7 @@ namespace {
 
 // Arrays read from a file grow as the values come, from at most this many,
 // so that a damaged count costs no more memory than the file holds.
-constexpr UInt kFirstReserve = 1u << 20;
+constexpr UInt kFirstReserve = 1u << 16;
 
 template <typename T>
 ULong Largest(const T *values, UInt count) {

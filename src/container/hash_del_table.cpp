@@ -1,6 +1,7 @@
 // HashDelTable: the table core with double hashing and removal. A removed
-// slot holds HASH_SLOT_DELETED; the entry's bytes stay in the data area
-// until growth packs the live entries anew.
+// slot holds HASH_SLOT_DELETED and is taken again by an insertion; the
+// entry's bytes stay in the data area until growth packs the live entries
+// anew. Full means what it means for HashTable: count equals capacity.
 #include "container/hash_internal.h"
 
 using namespace qk::hash;
@@ -39,7 +40,7 @@ QK_API UInt HashDelTableCapacity(const HashDelTable *table) {
 }
 
 QK_API int HashDelTableFull(const HashDelTable *table) {
-    return table->t_table.t_count + table->t_deleted >= table->t_table.t_capacity;
+    return table->t_table.t_count >= table->t_table.t_capacity;
 }
 
 QK_API void HashDelTableGrow(HashDelTable *table, double factor, void *hashArg) {

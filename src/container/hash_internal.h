@@ -3,24 +3,16 @@
 
 #include <string.h>
 
+#include "frame/endian.h"
 #include "qk/qkcommon.h"
 
 namespace qk::hash {
 
-// ---- Little-endian fields, byte by byte ----
-
-inline UInt LoadLE16(const UByte *p) {
-    return (UInt)p[0] | (UInt)p[1] << 8;
-}
-inline UInt LoadLE32(const UByte *p) {
-    return (UInt)p[0] | (UInt)p[1] << 8 | (UInt)p[2] << 16 | (UInt)p[3] << 24;
-}
-inline ULong LoadLE64(const UByte *p) {
-    return (ULong)LoadLE32(p) | (ULong)LoadLE32(p + 4) << 32;
-}
-inline void StoreLE(UByte *p, ULong value, UInt width) {
-    for (UInt i = 0; i < width; i++) p[i] = (UByte)(value >> (8 * i));
-}
+// Files that say `using namespace qk::hash` see the codec too.
+using qk::LoadLE16;
+using qk::LoadLE32;
+using qk::LoadLE64;
+using qk::StoreLE;
 
 // x modulo d for a 32-bit x, with magic = 2^64 / d rounded up (d >= 1):
 // two multiplications instead of a division.
@@ -69,6 +61,8 @@ void TableGrow(HashTable *t, UInt *deleted, double factor, void *hashArg);
 // The offsets of the live entries at or after `offset`, in order of
 // insertion, appended to `out`.
 void TableLiveOffsets(const HashTable *t, bool del, UInt offset, UIntArray *out);
+// Removed slots of a HashDelTable become empty; live entries stay put.
+void ClearRemovedSlots(HashTable *t, UInt *deleted, void *hashArg);
 int TableEnumerate(HashTable *t, bool del, UInt offset, HashTableCallback callback, void *userData);
 UInt TableSelect(HashTable *t, bool del, UInt offset, HashTablePredicate predicate, void *userData,
                  UIntArray *array);

@@ -235,13 +235,18 @@ void *TableFind(HashTable *table, UInt *deleted, const void *key, UInt size, con
     if (found) *found = 0;
     if (!entry) return NULL;
 
-    // Insertion.
+    // Insertion. A full table is grown by its caller first.
     qkassert(!table->t_selected);
     qkassert(target != kNone);
+    qkassert(table->t_count < table->t_capacity);
     if (table->t_slots[target] == HASH_SLOT_DELETED) {
         (*deleted)--;
-    } else {
-        qkassert(table->t_count + (deleted ? *deleted : 0) < table->t_capacity);
+    } else if (deleted && table->t_count + *deleted >= table->t_capacity) {
+        // Live and removed slots would pass the capacity, and probes would
+        // grow long: the live entries take clean slots, where they stand in
+        // the data area, and the key looks for its slot again.
+        ClearRemovedSlots(table, deleted, hashArg);
+        return TableFind(table, deleted, key, size, entry, found, hashArg);
     }
     UInt width = table->t_lengthWidth;
     qkassert(LengthFits(width, size));
@@ -268,6 +273,15 @@ void *TableFind(HashTable *table, UInt *deleted, const void *key, UInt size, con
     table->t_slots[target] = offset;
     table->t_count++;
     return table->t_data + offset;
+}
+
+void ClearRemovedSlots(HashTable *table, UInt *deleted, void *hashArg) {
+    UIntArray live = {};
+    TableLiveOffsets(table, true, 0, &live);
+    FillEmpty(table->t_slots, table->t_nslots);
+    for (UInt k = 0; k < live.length; k++) PlaceOffset(table, true, live.data[k], hashArg);
+    ArrayFree(live);
+    *deleted = 0;
 }
 
 int TableRemove(HashTable *table, UInt *deleted, const void *key, UInt size, void *hashArg) {

@@ -7,9 +7,7 @@
 // gives a * x^8 + c mod G, the first bit of the byte (bit 0) the highest.
 #pragma once
 
-#include <bit>
-#include <cstring>
-
+#include "frame/endian.h"
 #include "qk/fingerprint.h"
 
 namespace qk::fingerprint {
@@ -63,13 +61,6 @@ inline ULong FeedWord(ULong a, ULong w) {
            t[6][(a >> 48) & 255] ^ t[7][a >> 56];
 }
 
-inline ULong LoadLittleEndian(const UByte *p) {
-    ULong w;
-    std::memcpy(&w, p, 8);
-    if constexpr (std::endian::native == std::endian::big) w = __builtin_bswap64(w);
-    return w;
-}
-
 // a * x^(8k) + the k bytes at p mod G, for 0 <= k < 8: the state's low k
 // bytes move out, each through the table of the byte it becomes after a
 // shift by 64 bits.
@@ -86,7 +77,7 @@ inline ULong FeedTail(ULong a, const UByte *p, size_t k) {
 // Feeds bytes through the tables: in eights, then the rest at once. The
 // result does not depend on the alignment of p.
 inline ULong ExtendTables(ULong a, const UByte *p, size_t size) {
-    for (; size >= 8; p += 8, size -= 8) a = FeedWord(a, LoadLittleEndian(p));
+    for (; size >= 8; p += 8, size -= 8) a = FeedWord(a, LoadLE64(p));
     return FeedTail(a, p, size);
 }
 
