@@ -1,20 +1,18 @@
-/*
- * Fault injection for the crash tests: the test executable defines the libc
- * entry points through which the library changes files (open, write,
- * ftruncate, rename, unlink, mkdir, fsync, msync and their relatives) and
- * forwards them to the next definition, libc's or a sanitizer's. Definitions
- * in the executable come first in the dynamic lookup, so the library's calls
- * go through them. While armed, every such call is counted and logged; the
- * call numbered `crashAt` ends the process with _exit(77), before or after
- * the real call.
- *
- * The counter and the log live in a shared anonymous mapping made at start,
- * so that a parent reads what its forked child did after the child is gone.
- *
- * What survives such an end is what survives a process crash: bytes given
- * to write() and stores into a shared mapping are in the page cache and stay;
- * nothing models the loss of unsynced data on a power cut.
- */
+// Fault injection for the crash tests: the test executable defines the libc
+// entry points through which the library changes files (open, write,
+// ftruncate, rename, unlink, mkdir, fsync, msync and their relatives) and
+// forwards them to the next definition, libc's or a sanitizer's. Definitions
+// in the executable come first in the dynamic lookup, so the library's calls
+// go through them. While armed, every such call is counted; the call
+// numbered `crashAt` ends the process with _exit(77), before or after the
+// real call.
+//
+// The counters live in a shared anonymous mapping made at start, so that a
+// parent reads what its forked child did after the child is gone.
+//
+// What survives such an end is what survives a process crash: bytes given
+// to write() and stores into a shared mapping are in the page cache and stay;
+// nothing models the loss of unsynced data on a power cut.
 #ifndef QK_TEST_CRASH_FAULT_H
 #define QK_TEST_CRASH_FAULT_H
 
@@ -22,14 +20,12 @@
 extern "C" {
 #endif
 
-/* The exit status of a process ended by the fault layer. */
+// The exit status of a process ended by the fault layer.
 #define CRASH_FAULT_EXIT 77
-/* Calls logged per armed stretch; later calls are counted, not logged. */
-#define CRASH_FAULT_LOG 16384
-#define CRASH_FAULT_ARG 48
 
 enum CrashFaultOp {
-    CRASH_OP_OPEN = 1, /* open for writing or creation */
+    CRASH_OP_ANY,   // calls of every kind
+    CRASH_OP_OPEN,  // open for writing or creation
     CRASH_OP_WRITE,
     CRASH_OP_PWRITE,
     CRASH_OP_FTRUNCATE,
@@ -42,26 +38,20 @@ enum CrashFaultOp {
     CRASH_OP_FSYNC,
     CRASH_OP_FDATASYNC,
     CRASH_OP_MSYNC,
-    CRASH_OP_FOPEN /* a stream opened for writing */
+    CRASH_OP_FOPEN  // a stream opened for writing
 };
 
-/* Starts counting from zero. `crashAt` 0 never crashes; `after` non-zero
- * crashes once the real call has returned. */
+// Starts counting from zero. `crashAt` 0 never crashes; `after` non-zero
+// crashes once the real call has returned.
 void CrashFaultArm(long crashAt, int after);
-/* Stops counting; the count of calls since the arming. */
+// Stops counting; the count of calls since the arming.
 long CrashFaultDisarm(void);
-/* The count so far, also of a child that has ended. */
-long CrashFaultCount(void);
-/* Call `n` (from 1) of the last armed stretch: its kind, and its path or
- * the path of its descriptor (tail kept). 0 when `n` was not logged. */
-int CrashFaultOpAt(long n);
-const char *CrashFaultArgAt(long n);
-const char *CrashFaultOpName(int op);
-/* Calls of kind `op` in the last armed stretch. */
-long CrashFaultCountOf(int op);
+// The count so far of calls of kind `op` (CRASH_OP_ANY: all), also of a
+// child that has ended.
+long CrashFaultCount(int op);
 
 #ifdef __cplusplus
 }
 #endif
 
-#endif /* QK_TEST_CRASH_FAULT_H */
+#endif  // QK_TEST_CRASH_FAULT_H

@@ -21,8 +21,7 @@ inline std::string Pattern(ULong id, UInt version, UInt size) {
     std::string bytes(size, '\0');
     for (UInt at = 0; at < size; at += 8) {
         ULong x = id * 0x9E3779B97F4A7C15ull + version * 0xBF58476D1CE4E5B9ull + at;
-        x ^= x >> 31;
-        x *= 0x94D049BB133111EBull;
+        x = (x ^ x >> 31) * 0x94D049BB133111EBull;
         x ^= x >> 29;
         memcpy(&bytes[at], &x, 8);
     }
@@ -32,30 +31,37 @@ inline std::string Pattern(ULong id, UInt version, UInt size) {
 struct Model {
     std::map<ULong, std::string> blocks;
     std::vector<ULong> order;  // IDs in the order of their allocation
-    bool operator==(const Model &other) const { return blocks == other.blocks; }
+    bool operator==(const Model &other) const = default;
 };
+
+// Runs `body` under the hold of generation `genID`: the shared hold of the
+// new generation against a commit, or the old generation's lock.
+template <typename F>
+auto Holding(VMArena *arena, Int genID, F body) {
+    VMArenaNewGenAcquire(arena, genID);
+    auto result = body();
+    VMArenaNewGenRelease(arena, genID);
+    return result;
+}
 
 // Writes the block's bytes at `version` into the new generation.
 inline bool Write(VMArena *arena, Model *model, ULong id, UInt version) {
-    UInt size = 0;
-    VMArenaNewGenAcquire(arena, NEWGEN);
-    void *address = VMArenaDataAcquire(arena, id, NEWGEN, 0, &size, nullptr);
-    if (address != nullptr) {
-        std::string bytes = Pattern(id, version, size);
-        memcpy(address, bytes.data(), size);
+    return Holding(arena, NEWGEN, [&] {
+        UInt size = 0;
+        void *address = VMArenaDataAcquire(arena, id, NEWGEN, 0, &size, nullptr);
+        if (address == nullptr) return false;
+        model->blocks[id] = Pattern(id, version, size);
+        memcpy(address, model->blocks[id].data(), size);
         VMArenaDataRelease(arena, NEWGEN, 0, address, 0);
-        model->blocks[id] = bytes;
-    }
-    VMArenaNewGenRelease(arena, NEWGEN);
-    return address != nullptr;
+        return true;
+    });
 }
 
 // A new block of at least `size` bytes, written at `version`; the invalid
 // ID when the allocation failed.
 inline ULong New(VMArena *arena, Model *model, UInt size, UInt version) {
-    VMArenaNewGenAcquire(arena, NEWGEN);
-    ULong id = VMArenaBlockNew(arena, size, nullptr, NEWGEN);
-    VMArenaNewGenRelease(arena, NEWGEN);
+    ULong id =
+        Holding(arena, NEWGEN, [&] { return VMArenaBlockNew(arena, size, nullptr, NEWGEN); });
     if (id == INVALID_VMARENA_BLOCK_ID || model->blocks.count(id) != 0)
         return INVALID_VMARENA_BLOCK_ID;
     model->order.push_back(id);
@@ -63,9 +69,7 @@ inline ULong New(VMArena *arena, Model *model, UInt size, UInt version) {
 }
 
 inline void Free(VMArena *arena, Model *model, ULong id) {
-    VMArenaNewGenAcquire(arena, NEWGEN);
-    VMArenaBlockFree(arena, id, NEWGEN);
-    VMArenaNewGenRelease(arena, NEWGEN);
+    Holding(arena, NEWGEN, [&] { return VMArenaBlockFree(arena, id, NEWGEN), 0; });
     model->blocks.erase(id);
     std::erase(model->order, id);
 }
@@ -73,33 +77,19 @@ inline void Free(VMArena *arena, Model *model, ULong id) {
 // "" when every block of the model reads its bytes in generation `genID`,
 // else the first difference.
 inline std::string Mismatch(VMArena *arena, Int genID, const Model &model) {
-    std::string found;
-    if (genID == OLDGEN) {
-        VMArenaOldGenAcquire(arena);
-    } else {
-        VMArenaNewGenAcquire(arena, NEWGEN);
-    }
-    for (const auto &[id, bytes] : model.blocks) {
-        UInt size = 0;
-        const void *address = VMArenaDataAcquire(arena, id, genID, 1, &size, nullptr);
-        char hex[32];
-        snprintf(hex, sizeof hex, "%llx", (unsigned long long)id);
-        if (address == nullptr) {
-            found = std::string("block ") + hex + " is missing";
-        } else if (size != bytes.size()) {
-            found = std::string("block ") + hex + " has size " + std::to_string(size);
-        } else if (memcmp(address, bytes.data(), size) != 0) {
-            found = std::string("block ") + hex + " differs";
+    return Holding(arena, genID, [&] {
+        for (const auto &[id, bytes] : model.blocks) {
+            UInt size = 0;
+            const void *address = VMArenaDataAcquire(arena, id, genID, 1, &size, nullptr);
+            bool same = address && size == bytes.size() && !memcmp(address, bytes.data(), size);
+            if (address) VMArenaDataRelease(arena, genID, 1, (void *)address, 0);
+            if (same) continue;
+            std::string why =
+                size != bytes.size() ? " has size " + std::to_string(size) : " differs";
+            return "block " + std::to_string(id) + (address ? why : " is missing");
         }
-        if (address != nullptr) VMArenaDataRelease(arena, genID, 1, (void *)address, 0);
-        if (!found.empty()) break;
-    }
-    if (genID == OLDGEN) {
-        VMArenaOldGenRelease(arena);
-    } else {
-        VMArenaNewGenRelease(arena, NEWGEN);
-    }
-    return found;
+        return std::string();
+    });
 }
 
 }  // namespace crashtest
