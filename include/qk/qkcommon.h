@@ -17,5 +17,6 @@
 #include "qk/thread.h"
 #include "qk/types.h"
 #include "qk/unicode.h"
+#include "qk/varray.h"
 
 #endif /* QK_QKCOMMON_H */

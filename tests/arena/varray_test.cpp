@@ -1,0 +1,461 @@
+// Arena arrays: random operations on arrays of every type against a model
+// across commits and a read-only reopen, the moves between types, names,
+// block arrays, spanning ranges, and old-generation readers beside a
+// writer.
+#include <pthread.h>
+
+#include <atomic>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "arena/arena_check.h"
+#include "arena/varray_internal.h"
+#include "arena_test_util.h"
+
+using namespace arenatest;
+using namespace qk::arena;
+
+namespace {
+
+using Bytes = std::string;  // an array's elements, back to back
+
+class VArrayTest : public ::testing::Test {
+  protected:
+    void SetUp() override { Open(kCreate); }
+    void TearDown() override { VMArenaClose(arena); }
+    void Open(UInt flags) {
+        if (arena != nullptr) VMArenaClose(arena);
+        arena = VMArenaOpen(dir.Path().c_str(), flags, 1, STATUS_NO_SERIAL, STATUS_NO_SERIAL,
+                            nullptr, nullptr);
+        ASSERT_NE(arena, nullptr) << QKErrorMessage();
+    }
+    void Commit() { ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr)) << QKErrorMessage(); }
+    Int Make(const char *name, bool blockArray = false, UInt blockSize = 8192) {
+        int create = 1;
+        return VMAArrayFind(arena, NEWGEN, name, (UInt)strlen(name), 1, &create, blockArray,
+                            blockSize);
+    }
+    // The elements through the fast path, stretch by stretch.
+    Bytes Read(Int id, Int genID, UInt eltSize) {
+        Bytes out;
+        UInt length = VMAArrayLength_(arena, id, genID);
+        for (UInt i = 0, end; i < length; i = end) {
+            auto *p = (const char *)VMAArrayRangeFast_(arena, id, 8192, i, &end, genID, 1, eltSize);
+            if (p == nullptr || end <= i) return "<" + std::string(QKErrorMessage()) + ">";
+            out.append(p, (size_t)(end - i) * eltSize);
+        }
+        return out;
+    }
+    VMAArray *Record(Int id) { return ArrayRecord(&arena->rw_gen, (UInt)id); }
+    UInt LastBlockSize(Int id) {
+        VMAArray *a = Record(id);
+        return kSizes[FArrayNth(a->blockID, ULong, FArrayLength(a->blockID) - 1) & 15];
+    }
+
+    TempDir dir;
+    VMArena *arena = nullptr;
+};
+
+// One array under test and its model in both generations.
+struct Subject {
+    Int id;
+    UInt eltSize;
+    Bytes now, committed;
+};
+
+Bytes RandomBytes(std::mt19937 &rng, size_t n) {
+    Bytes b(n, 0);
+    for (char &c : b) c = (char)rng();
+    return b;
+}
+
+// Random appends, inserts, removes, overwrites, copies, clears, frees and
+// length changes on arrays of several element sizes, read back in both
+// generations after every step, across commits and a read-only reopen.
+TEST_F(VArrayTest, RandomOperationsAgainstModel) {
+    std::mt19937 rng(15);
+    std::vector<Subject> subjects;
+    for (UInt eltSize : {1u, 4u, 4u, 12u, 100u}) {
+        std::string name = "model/" + std::to_string(subjects.size());
+        subjects.push_back({Make(name.c_str()), eltSize, "", ""});
+    }
+    Int scratch = VMAArrayNew(arena, 0, 8192, NEWGEN);  // freed and made again
+    Commit();
+    for (int round = 0; round < 6; round++) {
+        for (int step = 0; step < 60; step++) {
+            Subject &s = subjects[rng() % subjects.size()];
+            Subject &other = subjects[rng() % subjects.size()];
+            UInt e = s.eltSize, n = (UInt)(s.now.size() / e);
+            switch (rng() % 9) {
+                case 0:
+                case 1: {  // append, sometimes past three blocks
+                    UInt count = rng() % 3 == 0 ? rng() % (3 * 8192 / e + 10) : rng() % 40;
+                    Bytes data = RandomBytes(rng, (size_t)count * e);
+                    ASSERT_TRUE(VMAArrayAppend_(arena, s.id, 8192, data.data(), count, NEWGEN, e));
+                    s.now += data;
+                    break;
+                }
+                case 2: {
+                    UInt at = rng() % (n + 1);
+                    Bytes elt = RandomBytes(rng, e), s1(e, 0), s2(e, 0);
+                    ASSERT_TRUE(VMAArrayInsert_(arena, s.id, 8192, at, elt.data(), s1.data(),
+                                                s2.data(), NEWGEN, e));
+                    s.now.insert((size_t)at * e, elt);
+                    break;
+                }
+                case 3:
+                    if (n == 0) break;
+                    for (UInt k = rng() % 3 + 1; k > 0 && n > 0; k--, n--) {
+                        UInt at = rng() % n;
+                        ASSERT_TRUE(VMAArrayRemove_(arena, s.id, 8192, at, NEWGEN, e));
+                        s.now.erase((size_t)at * e, e);
+                    }
+                    break;
+                case 4: {
+                    if (n == 0) break;
+                    UInt start = rng() % n, count = rng() % (n - start + 1);
+                    Bytes data = RandomBytes(rng, (size_t)count * e);
+                    ASSERT_TRUE(
+                        VMAArraySetRange_(arena, s.id, 8192, start, data.data(), count, NEWGEN, e));
+                    s.now.replace((size_t)start * e, data.size(), data);
+                    break;
+                }
+                case 5:
+                    if (&other == &s || other.eltSize != e) break;
+                    {
+                        bool append = rng() % 2;
+                        ASSERT_TRUE(VMAArrayCopy_(arena, s.id, other.id, 8192, NEWGEN, e, append));
+                        s.now = (append ? s.now : Bytes()) + other.now;
+                    }
+                    break;
+                case 6:
+                    if (rng() % 4) break;
+                    VMAArrayClear_(arena, s.id, NEWGEN);
+                    EXPECT_EQ(Record(s.id)->type, EMPTY_ARRAY_TYPE);
+                    s.now.clear();
+                    break;
+                case 7:
+                    if (n == 0) break;
+                    n = rng() % n;
+                    VMAArrayLengthSet_(arena, s.id, n, NEWGEN);
+                    s.now.resize((size_t)n * e);
+                    break;
+                case 8: {
+                    Bytes data = RandomBytes(rng, 3000);
+                    VMAArrayAppend_(arena, scratch, 8192, data.data(), 3000, NEWGEN, 1);
+                    VMAArrayFree(arena, scratch, NEWGEN);
+                    Int again = VMAArrayNew(arena, 0, 8192, NEWGEN);
+                    ASSERT_EQ(again, scratch);
+                    ASSERT_EQ(VMAArrayLength_(arena, again, NEWGEN), 0u);
+                    break;
+                }
+            }
+            for (Subject &t : subjects) {
+                ASSERT_TRUE(Same(Read(t.id, NEWGEN, t.eltSize), t.now)) << t.eltSize;
+                ASSERT_TRUE(Same(Read(t.id, OLDGEN, t.eltSize), t.committed)) << t.eltSize;
+                // The type follows the capacity asked for.
+                VMAArray *a = Record(t.id);
+                UInt cap = VMAArrayCapacity(a, 8192, t.eltSize);
+                ASSERT_GE(cap, VMAArrayLength_(arena, t.id, NEWGEN));
+                ASSERT_TRUE(a->type != PARTIAL_ARRAY_TYPE || cap <= 3 * (8192 / t.eltSize));
+                ASSERT_TRUE(a->type != EMPTY_ARRAY_TYPE || FArrayLength(a->blockID) == 0);
+            }
+        }
+        ASSERT_EQ(VMArenaCheck(arena), 0u);
+        std::string why;
+        ASSERT_TRUE(VMArenaCheckMemory(arena, &why)) << why;
+        Commit();
+        for (Subject &t : subjects) t.committed = t.now;
+        ASSERT_EQ(VMArenaCheckR(arena), 0u);
+    }
+    Open(kRead);
+    for (Subject &t : subjects) {
+        EXPECT_TRUE(Same(Read(t.id, OLDGEN, t.eltSize), t.committed));
+        EXPECT_TRUE(Same(Read(t.id, NEWGEN, t.eltSize), t.committed));
+    }
+}
+
+// The moves between types at their thresholds, 4-byte elements.
+TEST_F(VArrayTest, TypeMovesAtThresholds) {
+    struct Case {
+        UInt length;
+        UByte type;
+        UInt blocks;
+        UInt lastBlock;  // class size of the last block
+    } cases[] = {
+        {0, EMPTY_ARRAY_TYPE, 0, 0},         {1, PARTIAL_ARRAY_TYPE, 1, 64},
+        {16, PARTIAL_ARRAY_TYPE, 1, 64},     {17, PARTIAL_ARRAY_TYPE, 1, 88},
+        {2048, PARTIAL_ARRAY_TYPE, 1, 8192}, {2049, PARTIAL_ARRAY_TYPE, 2, 64},
+        {6144, PARTIAL_ARRAY_TYPE, 3, 8192}, {6145, FULL_ARRAY_TYPE, 4, 8192},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.length);
+        Int id = VMAArrayNew(arena, 0, 8192, NEWGEN);
+        std::vector<UInt> values(c.length);
+        for (UInt i = 0; i < c.length; i++) values[i] = i * 2654435761u;
+        // One element at a time: every intermediate move copies the data.
+        for (UInt i = 0; i < c.length; i++)
+            ASSERT_TRUE(VMAArrayAppend_(arena, id, 8192, &values[i], 1, NEWGEN, 4));
+        EXPECT_EQ(Record(id)->type, c.type);
+        EXPECT_EQ(FArrayLength(Record(id)->blockID), c.blocks);
+        EXPECT_EQ(c.blocks ? LastBlockSize(id) : 0, c.lastBlock);
+        EXPECT_EQ(Read(id, NEWGEN, 4), Bytes((char *)values.data(), values.size() * 4));
+    }
+    // Asked for at once, 6144 elements make three full blocks, the partial
+    // block's elements copied into the first.
+    Int id = VMAArrayNew(arena, 0, 8192, NEWGEN);
+    UInt v[3] = {4, 5, 6};
+    ASSERT_TRUE(VMAArrayAppend_(arena, id, 8192, v, 3, NEWGEN, 4));
+    ASSERT_TRUE(VMAArrayEnsureCapacity_(arena, id, 8192, 6144, NEWGEN, 0, 4));
+    EXPECT_EQ(Record(id)->type, FULL_ARRAY_TYPE);
+    EXPECT_EQ(FArrayLength(Record(id)->blockID), 3u);
+    EXPECT_EQ(Read(id, NEWGEN, 4), Bytes((char *)v, 12));
+}
+
+// Copy-on-write: the first write after a commit copies the block once,
+// the old generation keeps its bytes, and the block cache's bit 0 tells
+// which blocks may be written in place.
+TEST_F(VArrayTest, FirstWriteAfterCommitCopiesOnce) {
+    Int id = Make("cow");
+    std::vector<UInt> values(3 * 2048, 7);
+    ASSERT_TRUE(VMAArrayAppend_(arena, id, 8192, values.data(), (UInt)values.size(), NEWGEN, 4));
+    uintptr_t before = *BlockCacheSlot(Record(id), 1);
+    EXPECT_EQ(before & 1, 1u);
+    Commit();
+    EXPECT_EQ(*BlockCacheSlot(Record(id), 1) & 1, 0u);  // rebuilt for reading
+    UInt end;
+    auto *p = (UInt *)VMAArrayRangeFast_(arena, id, 8192, 2048, &end, NEWGEN, 0, 4);
+    uintptr_t copied = *BlockCacheSlot(Record(id), 1);
+    EXPECT_EQ(copied & 1, 1u);
+    EXPECT_EQ(end, 4096u);
+    *p = 99;
+    auto *q = (UInt *)VMAArrayRangeFast_(arena, id, 8192, 2049, &end, NEWGEN, 0, 4);
+    EXPECT_EQ(q, p + 1);  // the second write takes the fast path, no copy
+    EXPECT_EQ(*BlockCacheSlot(Record(id), 1), copied);
+    EXPECT_EQ(*(UInt *)VMAArrayRangeFast_(arena, id, 8192, 2048, &end, OLDGEN, 1, 4), 7u);
+    EXPECT_EQ(*(UInt *)VMAArrayRangeFast_(arena, id, 8192, 2048, &end, NEWGEN, 1, 4), 99u);
+}
+
+// Bounds: OLDGEN accepts an index equal to the length, NEWGEN asserts.
+TEST_F(VArrayTest, BoundsOfEachGeneration) {
+    Int id = Make("bounds");
+    UInt v[3] = {1, 2, 3}, end = 0;
+    VMAArrayAppend_(arena, id, 8192, v, 3, NEWGEN, 4);
+    Commit();
+    EXPECT_NE(VMAArrayRange_(arena, id, 8192, 3, &end, OLDGEN, 1, 4, 0), nullptr);
+    EXPECT_EQ(end, 3u);
+    EXPECT_EQ(VMAArrayRange_(arena, id, 8192, 4, &end, OLDGEN, 1, 4, 0), nullptr);
+    EXPECT_STREQ(QKErrorMessage(), "index = 4, length = 3, arrayID = 1, gen = OLD");
+    EXPECT_DEATH(VMAArrayRange_(arena, id, 8192, 3, &end, NEWGEN, 1, 4, 0),
+                 "index < array->length");
+    Record(id)->type = TWO_PART_ARRAY_TYPE;
+    EXPECT_DEATH(VMAArrayRangeFast_(arena, id, 8192, 0, &end, NEWGEN, 1, 4), "TWO_PART");
+    EXPECT_DEATH(VMAArrayAppend_(arena, id, 8192, v, 1, NEWGEN, 4), "TWO_PART");
+    EXPECT_DEATH(VMAArrayLength_(arena, 99, NEWGEN), "FArrayLength");
+    Record(id)->type = PARTIAL_ARRAY_TYPE;
+}
+
+// Names: same ID the second time, -2 in OLDGEN until the commit, paths
+// with one or two parts, newGenOnly, and no creation on a read-only arena.
+TEST_F(VArrayTest, NamesAndPaths) {
+    int create = 1;
+    Int a = VMAArrayFind(arena, NEWGEN, "d/a", 3, 1, &create, 0, 8192);
+    EXPECT_EQ(a, 1);
+    EXPECT_TRUE(create);
+    create = 1;
+    EXPECT_EQ(VMAArrayFind(arena, NEWGEN, "d/a", 3, 0, &create, 0, 8192), a);
+    EXPECT_FALSE(create);
+    create = 0;
+    EXPECT_EQ(VMAArrayFind(arena, OLDGEN, "d/a", 3, 0, &create, 0, 8192), VMA_NO_ARRAY);
+    char path[VMARENA_PATH_SIZE] = "d/";
+    VMAARRAY(UInt) h;
+    create = 1;
+    ASSERT_TRUE(
+        VMABlockArrayInitFromPath(arena, &create, 1, 1024, path, "b", "c", (VMAArrayHandle *)&h));
+    EXPECT_STREQ(path, "d/");
+    EXPECT_TRUE(create);
+    EXPECT_EQ(h.ids[NEWGEN], 2);
+    EXPECT_EQ(h.ids[OLDGEN], 2);
+    EXPECT_EQ(Record(2)->type, FULL_BLOCK_ARRAY_TYPE);
+    EXPECT_EQ(Record(2)->log2size, 10);
+    Int found = -1;
+    EXPECT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, path, "b", "c", 0, &found));
+    EXPECT_EQ(found, 2);
+    EXPECT_FALSE(VMAArrayLookupFromPath(arena, OLDGEN, path, "b", "c", 0, &found));
+    create = 0;
+    EXPECT_FALSE(VMAArrayInitFromPath(arena, &create, 0, 0, 0, path, "missing", nullptr,
+                                      (VMAArrayHandle *)&h));
+    EXPECT_STREQ(QKErrorMessage(), "no array \"d/missing\"");
+    Commit();
+    create = 0;
+    ASSERT_TRUE(
+        VMAArrayInitFromPath(arena, &create, 0, 0, 0, path, "a", nullptr, (VMAArrayHandle *)&h));
+    EXPECT_EQ(h.ids[OLDGEN], a);
+    EXPECT_EQ(Read(0, OLDGEN, 1), Bytes("d/a\0d/b/c\0", 10));
+    Open(kRead);
+    create = 1;
+    EXPECT_EQ(VMAArrayFind(arena, NEWGEN, "new", 3, 1, &create, 0, 8192), VMA_NO_ARRAY);
+    EXPECT_FALSE(create);
+}
+
+// Block arrays against a model of (size, bytes) per place, with an empty
+// place, growth and removal; clearing keeps type 4.
+TEST_F(VArrayTest, BlockArrayAgainstModel) {
+    Int id = Make("blocks", true, 4096);
+    Commit();
+    std::vector<Bytes> model;
+    std::mt19937 rng(4);
+    auto check = [&](Int genID, const std::vector<Bytes> &expect) {
+        ASSERT_EQ(VMABlockArrayBlockCount_(arena, id, genID), expect.size());
+        EXPECT_EQ(VMAArrayLength_(arena, id, genID), expect.size() * 4096);
+        for (UInt b = 0; b < expect.size(); b++) {
+            UInt size;
+            auto *p = (const char *)VMABlockArrayGet_(arena, id, b, genID, 1, &size);
+            UInt bytes = (UInt)expect[b].size();
+            EXPECT_EQ(size, bytes ? VMABlockArrayBlockRound_(arena, bytes, 4096) : 0);
+            if (expect[b].empty()) {
+                EXPECT_EQ(p, nullptr);
+            } else {
+                ASSERT_NE(p, nullptr);
+                EXPECT_EQ(Bytes(p, expect[b].size()), expect[b]) << b;
+            }
+        }
+    };
+    std::vector<Bytes> committed;
+    for (int step = 0; step < 200; step++) {
+        UInt at = rng() % (model.size() + 1);
+        if (rng() % 3 || model.empty()) {
+            UInt size = rng() % 5 == 0 ? 0 : rng() % 4096 + 1;
+            ASSERT_TRUE(VMABlockArrayInsert_(arena, id, size, 4096, at, NEWGEN));
+            Bytes data = RandomBytes(rng, size);
+            UInt got;
+            if (size) memcpy(VMABlockArrayGet_(arena, id, at, NEWGEN, 0, &got), data.data(), size);
+            model.insert(model.begin() + at, data);
+        } else if (rng() % 2) {
+            at %= model.size();
+            UInt size = rng() % 4096 + 1;
+            UInt actual = VMABlockArrayBlockGrowNth_(arena, id, size, 4096, at, NEWGEN);
+            EXPECT_EQ(actual, VMABlockArrayBlockRound_(arena, size, 4096));
+            Bytes &m = model[at];
+            UInt got;
+            Bytes kept = m.substr(0, std::min<size_t>(m.size(), size));
+            auto *p = (char *)VMABlockArrayGet_(arena, id, at, NEWGEN, 0, &got);
+            EXPECT_EQ(Bytes(p, kept.size()), kept);
+            m = kept + RandomBytes(rng, size - kept.size());
+            memcpy(p, m.data(), m.size());
+        } else {
+            at %= model.size();
+            ASSERT_TRUE(VMABlockArrayRemove_(arena, id, 4096, at, NEWGEN));
+            model.erase(model.begin() + at);
+        }
+        if (step % 50 == 49) {
+            check(NEWGEN, model);
+            check(OLDGEN, committed);
+            Commit();
+            committed = model;
+        }
+    }
+    check(OLDGEN, committed);
+    VMAArrayClear_(arena, id, NEWGEN);
+    EXPECT_EQ(Record(id)->type, FULL_BLOCK_ARRAY_TYPE);
+    EXPECT_EQ(VMAArrayLength_(arena, id, NEWGEN), 0u);
+    EXPECT_DEATH(VMABlockArrayBlockRound_(arena, 4097, 4096), "size <= maxBlockSize");
+}
+
+// A range across blocks comes from the cache's buffer and is written back
+// on release; one inside a block is the array's own memory.
+TEST_F(VArrayTest, RangeCacheSpansBlocks) {
+    Int id = Make("span");
+    std::vector<UInt> v(5000);
+    for (UInt i = 0; i < v.size(); i++) v[i] = i;
+    VMAArrayAppend_(arena, id, 8192, v.data(), 5000, NEWGEN, 4);
+    VMAArrayRangeCache *cache = VMAArrayRangeCacheNew(arena);
+    UInt end;
+    auto *inside = (UInt *)VMAArrayRangeAcquire_(arena, id, 8192, 10, 20, NEWGEN, 1, 4, cache);
+    EXPECT_EQ(inside, VMAArrayRangeFast_(arena, id, 8192, 10, &end, NEWGEN, 1, 4));
+    auto *span = (UInt *)VMAArrayRangeAcquire_(arena, id, 8192, 2040, 2060, NEWGEN, 0, 4, cache);
+    for (UInt i = 0; i < 20; i++) {
+        EXPECT_EQ(span[i], 2040 + i);
+        span[i] = 100000 + i;
+    }
+    ASSERT_TRUE(VMAArrayRangeRelease_(cache));
+    for (UInt i = 2040; i < 2060; i++) v[i] = 100000 + i - 2040;
+    EXPECT_EQ(Read(id, NEWGEN, 4), Bytes((char *)v.data(), v.size() * 4));
+    VMAArrayRangeCacheFree(cache);
+}
+
+// Loading, registered loads, the report and the clash check.
+TEST_F(VArrayTest, LoadStatAndCheck) {
+    Int id = Make("load");
+    std::vector<UInt> v(3000, 5);
+    VMAArrayAppend_(arena, id, 8192, v.data(), 3000, NEWGEN, 4);
+    EXPECT_EQ(VMAArrayLoad_(arena, id, 8192, NEWGEN, 4, 0), 12000u);
+    EXPECT_EQ(VMAArrayLoad_(arena, id, 8192, NEWGEN, 4, 1), 12000u);
+    EXPECT_EQ(VMAArrayLock_(arena, id, 4), 0u);
+    VMArenaArrayLoadRegister_(arena, 1, 1, 1, id, NEWGEN);
+    VMArenaMemoryLoadCB(arena);
+    testing::internal::CaptureStdout();
+    VMAArenaStatPrint(arena, 1);
+    std::string report = testing::internal::GetCapturedStdout();
+    EXPECT_NE(report.find("# id = 1\nname = \"load\"\nlength = 3000\nblock count = 2, "
+                          "max block size = 8192, average per block = 6144\n"),
+              std::string::npos)
+        << report;
+    EXPECT_NE(report.find("Dumping free lists\n"), std::string::npos);
+    // Two arrays naming one block.
+    Int other = Make("other");
+    VMAArrayAppend_(arena, other, 8192, v.data(), 1, NEWGEN, 4);
+    ULong shared = FArrayNth(Record(id)->blockID, ULong, 0);
+    ULong own = FArrayNth(Record(other)->blockID, ULong, 0);
+    FArrayNth(Record(other)->blockID, ULong, 0) = shared;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(VMArenaCheck(arena), 1u);
+    EXPECT_TRUE(StartsWith(testing::internal::GetCapturedStdout(), "hard block clash !!!\n"));
+    FArrayNth(Record(other)->blockID, ULong, 0) = own;
+    EXPECT_EQ(VMArenaCheck(arena), 0u);
+}
+
+// Readers of OLDGEN in threads see one committed image whole while the
+// writer changes NEWGEN and commits: every element of image k is k, and
+// image k has 1000 + 500 k elements.
+TEST_F(VArrayTest, OldGenReadersBesideWriter) {
+    Int id = Make("shared");
+    std::vector<UInt> v(1000, 0);
+    VMAArrayAppend_(arena, id, 8192, v.data(), 1000, NEWGEN, 4);
+    Commit();
+    std::atomic<bool> stop{false};
+    std::atomic<int> faults{0}, reads{0};
+    auto reader = [&] {
+        while (!stop.load()) {
+            VMArenaOldGenAcquire(arena);
+            UInt length = VMAArrayLength_(arena, id, OLDGEN);
+            UInt k = (length - 1000) / 500, end;
+            for (UInt i = 0; i < length; i = end) {
+                auto *p = (const UInt *)VMAArrayRangeFast_(arena, id, 8192, i, &end, OLDGEN, 1, 4);
+                for (UInt j = i; p && j < end; j++)
+                    if (p[j - i] != k) faults++;
+                if (p == nullptr) faults++, end = length;
+            }
+            VMArenaOldGenRelease(arena);
+            reads++;
+        }
+    };
+    std::thread readers[] = {std::thread(reader), std::thread(reader)};
+    for (UInt k = 1; k <= 12; k++) {
+        VMArenaNewGenAcquire(arena, NEWGEN);
+        std::vector<UInt> fill(1000 + 500 * k, k);
+        VMAArraySetRange_(arena, id, 8192, 0, fill.data(), 1000 + 500 * (k - 1), NEWGEN, 4);
+        VMAArrayAppend_(arena, id, 8192, fill.data(), 500, NEWGEN, 4);
+        VMArenaNewGenRelease(arena, NEWGEN);
+        Commit();
+    }
+    while (reads.load() < 20) std::this_thread::yield();
+    stop = true;
+    for (auto &t : readers) t.join();
+    EXPECT_EQ(faults.load(), 0);
+}
+
+}  // namespace
