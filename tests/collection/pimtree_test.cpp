@@ -200,19 +200,6 @@ TEST_F(PIMTreeTest, InsertSonMovesTailAcrossBlocks) {
     EXPECT_EQ(PIMTreeNodeCount(tree, NEWGEN), 1u);
 }
 
-// Removal prunes the nodes left empty, and stops at a node with data.
-TEST_F(PIMTreeTest, RemovalPrunesUpToData) {
-    Insert({1, 2, 3, 4}, 10, false);
-    Insert({1, 2}, 20, false);
-    Insert({1, 5}, 0, false);
-    Find({1, 2, 3, 4}, 0, 0, 1, 0);
-    EXPECT_EQ(Contents(NEWGEN), (Model{{{1}, 0}, {{1, 2}, 20}, {{1, 5}, 0}}));
-    Find({1, 5}, 0, 0, 1, 0);
-    Find({1, 2}, 0, 0, 1, 0);
-    EXPECT_EQ(Contents(NEWGEN), Model{});
-    EXPECT_TRUE(PIMTreeEmpty(tree, NEWGEN));
-}
-
 // A transIndex out of order is corruption.
 TEST_F(PIMTreeTest, HeadIndexOutOfOrderIsCorruption) {
     Insert({1}, 1, false);
