@@ -259,8 +259,12 @@ static inline void *VMAArrayRangeFast_(VMArena *arena, Int id, UInt blockSize, U
             uintptr_t *slot = (uintptr_t *)FArrayNth_(&a->blockCache, block, sizeof(uintptr_t));
             uintptr_t entry = __atomic_load_n(slot, __ATOMIC_RELAXED);
             if (entry != 0 && (read || (entry & 1))) {
-                ULong blockID = *(const ULong *)FArrayNth_(&a->blockID, block, sizeof(ULong));
-                ULong end = (ULong)block * perBlock + VMArenaBlockSizes[blockID & 15] / eltSize;
+                /* Every block of a plain array but the last is whole. */
+                ULong end = (ULong)(block + 1) * perBlock;
+                if (block + 1 == a->blockID.length || a->type == FULL_BLOCK_ARRAY_TYPE) {
+                    ULong id = *(const ULong *)FArrayNth_(&a->blockID, block, sizeof(ULong));
+                    end = (ULong)block * perBlock + VMArenaBlockSizes[id & 15] / eltSize;
+                }
                 *upBound = end < a->length ? (UInt)end : a->length;
                 return (char *)(entry & ~(uintptr_t)1) +
                        (size_t)(index - block * perBlock) * eltSize;
