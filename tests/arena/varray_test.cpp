@@ -2,11 +2,8 @@
 // across commits and a read-only reopen, the moves between types, names,
 // block arrays, spanning ranges, and old-generation readers beside a
 // writer.
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
-#include <map>
 #include <random>
 #include <string>
 #include <thread>
