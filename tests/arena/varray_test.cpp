@@ -291,6 +291,8 @@ TEST_F(VArrayTest, BlockArrayAgainstModel) {
                 memcpy(VMABlockArrayGet_(arena, id, at, NEWGEN, 0, &got), model[at].data(), size);
         }
         if (step % 50 == 49) {
+            std::string why;
+            ASSERT_TRUE(VMArenaCheckMemory(arena, &why)) << why;
             check(NEWGEN, model);
             check(OLDGEN, committed);
             Commit();
