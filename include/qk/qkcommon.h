@@ -12,10 +12,12 @@
 #include "qk/hash.h"
 #include "qk/memory.h"
 #include "qk/normal.h"
+#include "qk/pimtree.h"
 #include "qk/server.h"
 #include "qk/status.h"
 #include "qk/thread.h"
 #include "qk/types.h"
 #include "qk/unicode.h"
+#include "qk/varray.h"
 
 #endif /* QK_QKCOMMON_H */

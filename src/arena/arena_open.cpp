@@ -18,6 +18,7 @@ namespace {
 
 VMArena *New(const char *dir, UInt flags, UInt bucketCount, ULong oldSerial, ULong newSerial) {
     auto *arena = AllocateZero(VMArena);
+    arena->view = {&arena->r_gen, &arena->rw_gen.array};
     arena->dir = Strdup(dir);
     arena->readOnly = (flags & VM_FLAG_READ_ONLY) != 0;
     arena->flags = flags;

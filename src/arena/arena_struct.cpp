@@ -74,7 +74,11 @@ void VMAArrayRecordFree(VMAArray *array) {
     FArrayFree(array->blockID, ULong);
 }
 
-Int VMAArrayNew(VMArena *arena, bool blockArray, UInt blockSize, Int genID) {
+}  // namespace qk::arena
+
+using namespace qk::arena;
+
+extern "C" QK_API Int VMAArrayNew(VMArena *arena, int blockArray, UInt blockSize, Int genID) {
     qkassert(genID == NEWGEN);
     qkassert(!arena->readOnly);
     UByte log2size = 13, type = EMPTY_ARRAY_TYPE;
@@ -103,5 +107,3 @@ Int VMAArrayNew(VMArena *arena, bool blockArray, UInt blockSize, Int genID) {
     MutexUnlock(&rw->mutex);
     return id;
 }
-
-}  // namespace qk::arena

@@ -22,6 +22,9 @@ void CheckWriter(VMArena *arena, Int genID) {
 
 extern "C" {
 
+const UInt VMArenaBlockSizes[16] = {64,  88,  112,  128,  160,  256,  312,  512,
+                                    584, 744, 1024, 1632, 2048, 2728, 4096, 8192};
+
 QK_API ULong VMArenaBlockNew(VMArena *arena, UInt size, UInt *actualSize, Int genID) {
     CheckWriter(arena, genID);
     if (size > ARENA_MAX_BLOCK_SIZE) {

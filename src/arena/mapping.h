@@ -14,8 +14,7 @@
 #include "qk/array.h"
 #include "qk/file.h"
 #include "qk/thread.h"
-
-typedef QK_ARRAY(uintptr_t) AddressArray;
+#include "qk/varray.h"
 
 struct MemoryMapping {
     Mutex mutex;

@@ -3,6 +3,7 @@
 
 #include "arena/block_read.h"
 #include "arena/name_service.h"
+#include "arena/varray_internal.h"
 
 namespace qk::arena {
 
@@ -20,7 +21,7 @@ void NameServiceClose(VMArena *arena) {
 }
 
 // Names end in a NUL; the first is array 1's.
-Int NameServiceFind(VMArena *arena, Int genID, const char *name, UInt length) {
+Int NameServiceFind(VMArena *arena, Int genID, const char *name, UInt length, UInt *count) {
     NameService *names = &arena->nameService;
     MutexLock(&names->mutex);
     ArrayClear(names->key);
@@ -55,7 +56,20 @@ Int NameServiceFind(VMArena *arena, Int genID, const char *name, UInt length) {
         }
     }
     MutexUnlock(&names->mutex);
+    if (count != nullptr) *count = (UInt)arrayID - 1;
     return result;
+}
+
+Int NameServiceAdd(VMArena *arena, const char *name, UInt length, UInt count, bool blockArray,
+                   UInt blockSize) {
+    static const char kEnd = 0;
+    VMAArrayAppend_(arena, 0, ARENA_MAX_BLOCK_SIZE, name, length, NEWGEN, 1);
+    VMAArrayAppend_(arena, 0, ARENA_MAX_BLOCK_SIZE, &kEnd, 1, NEWGEN, 1);
+    Int ret0 = (Int)count + 1;
+    Int ret = VMAArrayNew(arena, blockArray, blockSize, NEWGEN);
+    // A freed array ID would be taken here: named arrays are never freed.
+    VMA_CHECK(arena, ret0 == ret);
+    return ret;
 }
 
 }  // namespace qk::arena

@@ -1,0 +1,395 @@
+// Arena arrays: random operations on arrays of every type against a model
+// across commits and a read-only reopen, the moves between types, names,
+// block arrays, spanning ranges, and old-generation readers beside a
+// writer.
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "arena/arena_check.h"
+#include "arena/varray_internal.h"
+#include "arena_test_util.h"
+
+using namespace arenatest;
+using namespace qk::arena;
+
+namespace {
+
+using Bytes = std::string;  // an array's elements, back to back
+
+class VArrayTest : public ::testing::Test {
+  protected:
+    void SetUp() override { Open(kCreate); }
+    void TearDown() override { VMArenaClose(arena); }
+    void Open(UInt flags) {
+        if (arena != nullptr) VMArenaClose(arena);
+        arena = VMArenaOpen(dir.Path().c_str(), flags, 1, STATUS_NO_SERIAL, STATUS_NO_SERIAL,
+                            nullptr, nullptr);
+        ASSERT_NE(arena, nullptr) << QKErrorMessage();
+    }
+    void Commit() { ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr)) << QKErrorMessage(); }
+    Int Make(const char *name, bool blockArray = false, UInt blockSize = 8192) {
+        int create = 1;
+        return VMAArrayFind(arena, NEWGEN, name, (UInt)strlen(name), 1, &create, blockArray,
+                            blockSize);
+    }
+    // The elements through the fast path, stretch by stretch.
+    Bytes Read(Int id, Int genID, UInt eltSize) {
+        Bytes out;
+        UInt length = VMAArrayLength_(arena, id, genID);
+        for (UInt i = 0, end; i < length; i = end) {
+            auto *p = (const char *)VMAArrayRangeFast_(arena, id, 8192, i, &end, genID, 1, eltSize);
+            if (p == nullptr || end <= i) return "<" + std::string(QKErrorMessage()) + ">";
+            out.append(p, (size_t)(end - i) * eltSize);
+        }
+        return out;
+    }
+    VMAArray *Record(Int id) { return ArrayRecord(&arena->rw_gen, (UInt)id); }
+
+    TempDir dir;
+    VMArena *arena = nullptr;
+};
+
+// One array under test and its model in both generations.
+struct Subject {
+    Int id;
+    UInt eltSize;
+    Bytes now, committed;
+};
+
+Bytes RandomBytes(std::mt19937 &rng, size_t n) {
+    Bytes b(n, 0);
+    for (char &c : b) c = (char)rng();
+    return b;
+}
+
+// Random appends, inserts, removes, overwrites, copies, clears, frees and
+// length changes on arrays of several element sizes, read back in both
+// generations after every step, across commits and a read-only reopen.
+TEST_F(VArrayTest, RandomOperationsAgainstModel) {
+    std::mt19937 rng(15);
+    std::vector<Subject> subjects;
+    for (UInt eltSize : {1u, 4u, 4u, 12u, 100u})
+        subjects.push_back(
+            {Make(("m" + std::to_string(subjects.size())).c_str()), eltSize, "", ""});
+    Int scratch = VMAArrayNew(arena, 0, 8192, NEWGEN);  // freed and made again
+    Commit();
+    for (int step = 0; step < 360; step++) {
+        Subject &s = subjects[rng() % subjects.size()], &o = subjects[rng() % subjects.size()];
+        UInt e = s.eltSize, n = (UInt)(s.now.size() / e), at = rng() % (n + 1);
+        UInt count = rng() % 3 ? rng() % 40 : rng() % (3 * 8192 / e + 10);  // past 3 blocks
+        Bytes data = RandomBytes(rng, (size_t)(count + 1) * e), s1(e, 0), s2(e, 0);
+        switch (rng() % 8) {
+            case 0:
+                ASSERT_TRUE(VMAArrayAppend_(arena, s.id, 8192, data.data(), count, NEWGEN, e));
+                s.now.append(data, 0, (size_t)count * e);
+                break;
+            case 1:
+                ASSERT_TRUE(VMAArrayInsert_(arena, s.id, 8192, at, data.data(), s1.data(),
+                                            s2.data(), NEWGEN, e));
+                s.now.insert((size_t)at * e, data.substr(0, e));
+                break;
+            case 2:
+                if (at == n) break;
+                ASSERT_TRUE(VMAArrayRemove_(arena, s.id, 8192, at, NEWGEN, e));
+                s.now.erase((size_t)at * e, e);
+                break;
+            case 3:
+                count = std::min(count, n - at);
+                ASSERT_TRUE(
+                    VMAArraySetRange_(arena, s.id, 8192, at, data.data(), count, NEWGEN, e));
+                s.now.replace((size_t)at * e, (size_t)count * e, data.substr(0, (size_t)count * e));
+                break;
+            case 4:
+                if (&o == &s || o.eltSize != e) break;
+                ASSERT_TRUE(VMAArrayCopy_(arena, s.id, o.id, 8192, NEWGEN, e, count % 2));
+                s.now = (count % 2 ? s.now : Bytes()) + o.now;
+                break;
+            case 5:
+                if (count % 4) break;
+                VMAArrayClear_(arena, s.id, NEWGEN);
+                s.now.clear();
+                break;
+            case 6:
+                VMAArrayLengthSet_(arena, s.id, at, NEWGEN);
+                s.now.resize((size_t)at * e);
+                break;
+            case 7:
+                VMAArrayAppend_(arena, scratch, 8192, data.data(), count, NEWGEN, e);
+                VMAArrayFree(arena, scratch, NEWGEN);
+                ASSERT_EQ(VMAArrayNew(arena, 0, 8192, NEWGEN), scratch);
+                ASSERT_EQ(VMAArrayLength_(arena, scratch, NEWGEN), 0u);
+                break;
+        }
+        for (Subject &t : subjects) {
+            ASSERT_TRUE(Same(Read(t.id, NEWGEN, t.eltSize), t.now)) << t.eltSize;
+            ASSERT_TRUE(Same(Read(t.id, OLDGEN, t.eltSize), t.committed)) << t.eltSize;
+            // The type follows the capacity asked for.
+            VMAArray *a = Record(t.id);
+            UInt cap = VMAArrayCapacity(a, 8192, t.eltSize);
+            ASSERT_GE(cap, (UInt)(t.now.size() / t.eltSize));
+            ASSERT_TRUE(a->type != PARTIAL_ARRAY_TYPE || cap <= 3 * (8192 / t.eltSize));
+            ASSERT_TRUE(a->type != EMPTY_ARRAY_TYPE || FArrayLength(a->blockID) == 0);
+        }
+        if (step % 60 == 59) {
+            std::string why;
+            ASSERT_EQ(VMArenaCheck(arena), 0u);
+            ASSERT_TRUE(VMArenaCheckMemory(arena, &why)) << why;
+            Commit();
+            for (Subject &t : subjects) t.committed = t.now;
+            ASSERT_EQ(VMArenaCheckR(arena), 0u);
+        }
+    }
+    Open(kRead);
+    for (Subject &t : subjects) {
+        EXPECT_TRUE(Same(Read(t.id, OLDGEN, t.eltSize), t.committed));
+        EXPECT_TRUE(Same(Read(t.id, NEWGEN, t.eltSize), t.committed));
+    }
+}
+
+// The moves between types at their thresholds, 4-byte elements.
+TEST_F(VArrayTest, TypeMovesAtThresholds) {
+    // Length reached one element at a time; type, blocks, last block's size.
+    const UInt cases[][4] = {{0, 0, 0, 0},       {1, 2, 1, 64},      {16, 2, 1, 64},
+                             {17, 2, 1, 88},     {2048, 2, 1, 8192}, {2049, 2, 2, 64},
+                             {6144, 2, 3, 8192}, {6145, 1, 4, 8192}};
+    std::vector<UInt> values(6145);
+    for (UInt i = 0; i < values.size(); i++) values[i] = i * 2654435761u;
+    for (const auto &c : cases) {
+        Int id = VMAArrayNew(arena, 0, 8192, NEWGEN);
+        for (UInt i = 0; i < c[0]; i++) VMAArrayAppend_(arena, id, 8192, &values[i], 1, NEWGEN, 4);
+        VMAArray *a = Record(id);
+        UInt blocks = FArrayLength(a->blockID);
+        UInt last = blocks ? kSizes[FArrayNth(a->blockID, ULong, blocks - 1) & 15] : 0;
+        EXPECT_EQ(std::vector<UInt>({c[0], a->type, blocks, last}), std::vector<UInt>(c, c + 4));
+        EXPECT_EQ(Read(id, NEWGEN, 4), Bytes((char *)values.data(), (size_t)c[0] * 4));
+    }
+    // Asked for at once, 6144 elements make three full blocks, the partial
+    // block's elements copied into the first.
+    Int id = VMAArrayNew(arena, 0, 8192, NEWGEN);
+    VMAArrayAppend_(arena, id, 8192, values.data(), 3, NEWGEN, 4);
+    ASSERT_TRUE(VMAArrayEnsureCapacity_(arena, id, 8192, 6144, NEWGEN, 0, 4));
+    EXPECT_EQ(Record(id)->type * 10 + FArrayLength(Record(id)->blockID), 13u);
+    EXPECT_EQ(Read(id, NEWGEN, 4), Bytes((char *)values.data(), 12));
+}
+
+// Copy-on-write: the first write after a commit copies the block once,
+// the old generation keeps its bytes, and the block cache's bit 0 tells
+// which blocks may be written in place.
+TEST_F(VArrayTest, FirstWriteAfterCommitCopiesOnce) {
+    Int id = Make("cow");
+    std::vector<UInt> values(3 * 2048, 7);
+    VMAArrayAppend_(arena, id, 8192, values.data(), (UInt)values.size(), NEWGEN, 4);
+    EXPECT_EQ(*BlockCacheSlot(Record(id), 1) & 1, 1u);
+    Commit();
+    EXPECT_EQ(*BlockCacheSlot(Record(id), 1) & 1, 0u);  // rebuilt for reading
+    UInt end;
+    auto *p = (UInt *)VMAArrayRangeFast_(arena, id, 8192, 2048, &end, NEWGEN, 0, 4);
+    uintptr_t copied = *BlockCacheSlot(Record(id), 1);
+    EXPECT_EQ((copied & 1) * 10000 + end, 14096u);
+    *p = 99;
+    // The second write takes the fast path: no copy, the same entry.
+    EXPECT_EQ(VMAArrayRangeFast_(arena, id, 8192, 2049, &end, NEWGEN, 0, 4), p + 1);
+    EXPECT_EQ(*BlockCacheSlot(Record(id), 1), copied);
+    EXPECT_EQ(*(UInt *)VMAArrayRangeFast_(arena, id, 8192, 2048, &end, OLDGEN, 1, 4), 7u);
+    EXPECT_EQ(*(UInt *)VMAArrayRangeFast_(arena, id, 8192, 2048, &end, NEWGEN, 1, 4), 99u);
+}
+
+// Bounds: OLDGEN accepts an index equal to the length, NEWGEN asserts.
+TEST_F(VArrayTest, BoundsOfEachGeneration) {
+    Int id = Make("bounds");
+    UInt v[3] = {1, 2, 3}, end = 0;
+    VMAArrayAppend_(arena, id, 8192, v, 3, NEWGEN, 4);
+    Commit();
+    EXPECT_NE(VMAArrayRange_(arena, id, 8192, 3, &end, OLDGEN, 1, 4, 0), nullptr);
+    EXPECT_EQ(end, 3u);
+    EXPECT_EQ(VMAArrayRange_(arena, id, 8192, 4, &end, OLDGEN, 1, 4, 0), nullptr);
+    EXPECT_STREQ(QKErrorMessage(), "index = 4, length = 3, arrayID = 1, gen = OLD");
+    EXPECT_DEATH(VMAArrayRange_(arena, id, 8192, 3, &end, NEWGEN, 1, 4, 0),
+                 "index < array->length");
+    Record(id)->type = TWO_PART_ARRAY_TYPE;
+    EXPECT_DEATH(VMAArrayRangeFast_(arena, id, 8192, 0, &end, NEWGEN, 1, 4), "TWO_PART");
+    EXPECT_DEATH(VMAArrayAppend_(arena, id, 8192, v, 1, NEWGEN, 4), "TWO_PART");
+    EXPECT_DEATH(VMAArrayLength_(arena, 99, NEWGEN), "FArrayLength");
+    Record(id)->type = PARTIAL_ARRAY_TYPE;
+}
+
+// Names: same ID the second time, -2 in OLDGEN until the commit, paths
+// with one or two parts, newGenOnly, and no creation on a read-only arena.
+TEST_F(VArrayTest, NamesAndPaths) {
+    // (ID, *create after the call) of a find.
+    auto find = [&](Int genID, const char *name, int create) {
+        Int id = VMAArrayFind(arena, genID, name, (UInt)strlen(name), 1, &create, 0, 8192);
+        return std::pair(id, create);
+    };
+    EXPECT_EQ(find(NEWGEN, "d/a", 1), std::pair(1, 1));
+    EXPECT_EQ(find(NEWGEN, "d/a", 1), std::pair(1, 0));
+    EXPECT_EQ(find(OLDGEN, "d/a", 0), std::pair(VMA_NO_ARRAY, 0));
+    char path[VMARENA_PATH_SIZE] = "d/";
+    VMAARRAY(UInt) h;
+    auto *handle = (VMAArrayHandle *)&h;
+    int create = 1;
+    ASSERT_TRUE(VMABlockArrayInitFromPath(arena, &create, 1, 1024, path, "b", "c", handle));
+    EXPECT_STREQ(path, "d/");
+    EXPECT_TRUE(create);
+    EXPECT_EQ(h.ids[NEWGEN] * 10 + h.ids[OLDGEN], 22);
+    EXPECT_EQ(Record(2)->type * 100 + Record(2)->log2size, 410);
+    Int found = -1;
+    EXPECT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, path, "b", "c", 0, &found) && found == 2);
+    EXPECT_FALSE(VMAArrayLookupFromPath(arena, OLDGEN, path, "b", "c", 0, &found));
+    create = 0;
+    EXPECT_FALSE(VMAArrayInitFromPath(arena, &create, 0, 0, 0, path, "missing", nullptr, handle));
+    EXPECT_STREQ(QKErrorMessage(), "no array \"d/missing\"");
+    Commit();
+    ASSERT_TRUE(VMAArrayInitFromPath(arena, &create, 0, 0, 0, path, "a", nullptr, handle));
+    EXPECT_EQ(h.ids[OLDGEN], 1);
+    EXPECT_EQ(Read(0, OLDGEN, 1), Bytes("d/a\0d/b/c\0", 10));
+    Open(kRead);
+    EXPECT_EQ(find(NEWGEN, "new", 1), std::pair(VMA_NO_ARRAY, 0));
+}
+
+// Block arrays against a model of (size, bytes) per place, with an empty
+// place, growth and removal; clearing keeps type 4.
+TEST_F(VArrayTest, BlockArrayAgainstModel) {
+    Int id = Make("blocks", true, 4096);
+    Commit();
+    std::vector<Bytes> model, committed;
+    std::mt19937 rng(4);
+    auto check = [&](Int genID, const std::vector<Bytes> &expect) {
+        ASSERT_EQ(VMABlockArrayBlockCount_(arena, id, genID), expect.size());
+        EXPECT_EQ(VMAArrayLength_(arena, id, genID), expect.size() * 4096);
+        for (UInt b = 0; b < expect.size(); b++) {
+            UInt size, n = (UInt)expect[b].size();
+            auto *p = (const char *)VMABlockArrayGet_(arena, id, b, genID, 1, &size);
+            EXPECT_EQ(size, n ? VMABlockArrayBlockRound_(arena, n, 4096) : 0);
+            EXPECT_EQ(p ? Bytes(p, n) : "<none>", n ? expect[b] : "<none>") << b;
+        }
+    };
+    for (int step = 0; step < 200; step++) {
+        UInt at = rng() % (model.size() + 1), size = rng() % 5 ? rng() % 4096 + 1 : 0, got;
+        int op = model.empty() ? 0 : rng() % 4;
+        if (op == 3) {
+            at %= model.size();
+            ASSERT_TRUE(VMABlockArrayRemove_(arena, id, 4096, at, NEWGEN));
+            model.erase(model.begin() + at);
+        } else if (op == 2 && size > 0) {  // grows or shrinks, keeping what fits
+            at %= model.size();
+            EXPECT_EQ(VMABlockArrayBlockGrowNth_(arena, id, size, 4096, at, NEWGEN),
+                      VMABlockArrayBlockRound_(arena, size, 4096));
+            Bytes kept = model[at].substr(0, size);
+            auto *p = (char *)VMABlockArrayGet_(arena, id, at, NEWGEN, 0, &got);
+            EXPECT_EQ(Bytes(p, kept.size()), kept);
+            model[at] = kept + RandomBytes(rng, size - kept.size());
+            memcpy(p, model[at].data(), size);
+        } else {
+            ASSERT_TRUE(VMABlockArrayInsert_(arena, id, size, 4096, at, NEWGEN));
+            model.insert(model.begin() + at, RandomBytes(rng, size));
+            if (size)
+                memcpy(VMABlockArrayGet_(arena, id, at, NEWGEN, 0, &got), model[at].data(), size);
+        }
+        if (step % 50 == 49) {
+            std::string why;
+            ASSERT_TRUE(VMArenaCheckMemory(arena, &why)) << why;
+            check(NEWGEN, model);
+            check(OLDGEN, committed);
+            Commit();
+            committed = model;
+        }
+    }
+    check(OLDGEN, committed);
+    VMAArrayClear_(arena, id, NEWGEN);
+    EXPECT_EQ(Record(id)->type, FULL_BLOCK_ARRAY_TYPE);
+    EXPECT_EQ(VMAArrayLength_(arena, id, NEWGEN), 0u);
+    EXPECT_DEATH(VMABlockArrayBlockRound_(arena, 4097, 4096), "size <= maxBlockSize");
+}
+
+// A range across blocks comes from the cache's buffer and is written back
+// on release; one inside a block is the array's own memory.
+TEST_F(VArrayTest, RangeCacheSpansBlocks) {
+    Int id = Make("span");
+    std::vector<UInt> v(5000);
+    for (UInt i = 0; i < v.size(); i++) v[i] = i;
+    VMAArrayAppend_(arena, id, 8192, v.data(), 5000, NEWGEN, 4);
+    VMAArrayRangeCache *cache = VMAArrayRangeCacheNew(arena);
+    UInt end;
+    EXPECT_EQ(VMAArrayRangeAcquire_(arena, id, 8192, 10, 20, NEWGEN, 1, 4, cache),
+              VMAArrayRangeFast_(arena, id, 8192, 10, &end, NEWGEN, 1, 4));
+    auto *span = (UInt *)VMAArrayRangeAcquire_(arena, id, 8192, 2040, 2060, NEWGEN, 0, 4, cache);
+    EXPECT_EQ(std::vector<UInt>(span, span + 20), std::vector<UInt>(&v[2040], &v[2060]));
+    for (UInt i = 0; i < 20; i++) span[i] = v[2040 + i] = 100000 + i;
+    ASSERT_TRUE(VMAArrayRangeRelease_(cache));
+    EXPECT_EQ(Read(id, NEWGEN, 4), Bytes((char *)v.data(), v.size() * 4));
+    VMAArrayRangeCacheFree(cache);
+}
+
+// Loading, registered loads, the report and the clash check.
+TEST_F(VArrayTest, LoadStatAndCheck) {
+    Int id = Make("load"), other = Make("other");
+    std::vector<UInt> v(3000, 5);
+    VMAArrayAppend_(arena, id, 8192, v.data(), 3000, NEWGEN, 4);
+    VMAArrayAppend_(arena, other, 8192, v.data(), 1, NEWGEN, 4);
+    EXPECT_EQ(VMAArrayLoad_(arena, id, 8192, NEWGEN, 4, 0), 12000u);
+    EXPECT_EQ(VMAArrayLoad_(arena, id, 8192, NEWGEN, 4, 1), 12000u);
+    VMArenaArrayLoadRegister_(arena, 1, 1, 1, id, NEWGEN);
+    VMArenaMemoryLoadCB(arena);
+    testing::internal::CaptureStdout();
+    VMAArenaStatPrint(arena, 1);
+    std::string report = testing::internal::GetCapturedStdout();
+    EXPECT_NE(report.find("# id = 1\nname = \"load\"\nlength = 3000\nblock count = 2, "
+                          "max block size = 8192, average per block = 6144\n"),
+              std::string::npos)
+        << report;
+    // Two arrays naming one block.
+    ULong &block = FArrayNth(Record(other)->blockID, ULong, 0), own = block;
+    block = FArrayNth(Record(id)->blockID, ULong, 0);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(VMArenaCheck(arena), 1u);
+    EXPECT_TRUE(StartsWith(testing::internal::GetCapturedStdout(), "hard block clash !!!\n"));
+    block = own;
+    EXPECT_EQ(VMArenaCheck(arena), 0u);
+}
+
+// Readers of OLDGEN in threads see one committed image whole while the
+// writer changes NEWGEN and commits: every element of image k is k, and
+// image k has 1000 + 500 k elements.
+TEST_F(VArrayTest, OldGenReadersBesideWriter) {
+    Int id = Make("shared");
+    std::vector<UInt> fill(1000 + 500 * 12, 0);
+    VMAArrayAppend_(arena, id, 8192, fill.data(), 1000, NEWGEN, 4);
+    Commit();
+    std::atomic<bool> stop{false};
+    std::atomic<int> faults{0}, reads{0};
+    auto reader = [&] {
+        while (!stop.load()) {
+            VMArenaOldGenAcquire(arena);
+            UInt length = VMAArrayLength_(arena, id, OLDGEN);
+            UInt k = (length - 1000) / 500, end;
+            for (UInt i = 0; i < length; i = end) {
+                auto *p = (const UInt *)VMAArrayRangeFast_(arena, id, 8192, i, &end, OLDGEN, 1, 4);
+                for (UInt j = i; p && j < end; j++)
+                    if (p[j - i] != k) faults++;
+                if (p == nullptr) faults++, end = length;
+            }
+            VMArenaOldGenRelease(arena);
+            reads++;
+        }
+    };
+    std::thread readers[] = {std::thread(reader), std::thread(reader)};
+    for (UInt k = 1; k <= 12; k++) {
+        VMArenaNewGenAcquire(arena, NEWGEN);
+        std::fill(fill.begin(), fill.end(), k);
+        VMAArraySetRange_(arena, id, 8192, 0, fill.data(), 1000 + 500 * (k - 1), NEWGEN, 4);
+        VMAArrayAppend_(arena, id, 8192, fill.data(), 500, NEWGEN, 4);
+        VMArenaNewGenRelease(arena, NEWGEN);
+        Commit();
+    }
+    while (reads.load() < 20) std::this_thread::yield();
+    stop = true;
+    for (auto &t : readers) t.join();
+    EXPECT_EQ(faults.load(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,198 @@
+// PIMTree: random inserts, overwrites and removals against a map of atom
+// strings, in both generations across commits; the record's bytes; moves of
+// a run across blocks; corruption.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+#include "collection/pimtree_internal.h"
+#include "frame/file_test_dir.h"
+#include "qk/qkcommon.h"
+
+namespace {
+
+using Key = std::vector<UInt>;
+using Model = std::map<Key, ULong>;  // every node of the head and its data
+
+class PIMTreeTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        arena = VMArenaOpen(dir.Path().c_str(), VM_FLAG_CREATE | VM_FLAG_MAPPED, 1,
+                            STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, nullptr);
+        ASSERT_NE(arena, nullptr) << QKErrorMessage();
+        char path[VMARENA_PATH_SIZE] = "t/";
+        int create = 1;
+        tree = PIMTreeNew(arena, path, "head", &create, 1);
+        ASSERT_NE(tree, nullptr);
+        EXPECT_TRUE(create);
+        EXPECT_STREQ(path, "t/");
+        td = PIMTreeThreadDataNew();
+    }
+    void TearDown() override {
+        PIMTreeThreadDataFree(td);
+        PIMTreeFree(tree);
+        VMArenaClose(arena);
+    }
+    void Commit() {
+        ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr));
+        PIMTreeCommit(tree);
+    }
+    PIMTreeResult Find(const Key &key, ULong data, int create, int remove, int force,
+                       Int genID = NEWGEN, int *changed = nullptr) {
+        return PIMTreeFind(tree, td, key.data(), (UInt)key.size(), data, 7, create, remove, force,
+                           changed, nullptr, genID);
+    }
+    // Puts the whole key in the head: a transition that the find made to a
+    // leaf becomes a new node, as a tree's explosion does.
+    void Insert(const Key &key, ULong data, bool force) {
+        for (;;) {
+            PIMTreeResult r = Find(key, data, 1, 0, force);
+            ASSERT_TRUE(r.found);
+            if (r.matched == key.size()) return;
+            UInt node = PIMTreeNodeNew(tree, nullptr, NEWGEN);
+            PIMTreeNodeSetInternalTo(tree, r.transition, node, NEWGEN);
+        }
+    }
+    // Every transition reachable from the root, as key and data.
+    void Walk(UInt node, Key &prefix, Int genID, Model &out) {
+        UInt end, first = PIMTreeNodeFirst(tree, node, &end, genID);
+        UInt previous = 0;
+        for (UInt i = first; i < end; i++) {
+            PIMTreeTransition t = PIMTreeTransGet(tree, i, genID);
+            EXPECT_TRUE(i == first || t.atom > previous) << "atoms ascend";
+            previous = t.atom;
+            prefix.push_back(t.atom);
+            out[prefix] = t.data;
+            if (!(t.to & PIMTREE_LEAF_BIT)) Walk(t.to, prefix, genID, out);
+            prefix.pop_back();
+        }
+    }
+    Model Contents(Int genID) {
+        Model out;
+        Key prefix;
+        Walk(0, prefix, genID, out);
+        return out;
+    }
+
+    TempDir dir;
+    VMArena *arena = nullptr;
+    PIMTree *tree = nullptr;
+    PIMTreeThreadData *td = nullptr;
+};
+
+bool HasSons(const Model &m, const Key &key) {
+    auto it = m.upper_bound(key);
+    return it != m.end() && it->first.size() > key.size() &&
+           std::equal(key.begin(), key.end(), it->first.begin());
+}
+
+// The model's removal: the key goes unless it has sons (then its data is
+// cleared); then each prefix without data and without sons, upwards.
+void ModelRemove(Model &m, Key key) {
+    if (!m.count(key)) return;
+    if (HasSons(m, key)) {
+        m[key] = 0;
+        return;
+    }
+    m.erase(key);
+    while (key.size() > 1) {
+        key.pop_back();
+        if (m[key] != 0 || HasSons(m, key)) return;
+        m.erase(key);
+    }
+}
+
+TEST_F(PIMTreeTest, RandomAgainstMapOfAtomStrings) {
+    EXPECT_TRUE(PIMTreeEmpty(tree, NEWGEN));
+    EXPECT_EQ(PIMTreeNodeCount(tree, NEWGEN), 1u);
+    std::mt19937 rng(55);
+    Model model, committed;
+    Commit();
+    for (int step = 0; step < 4000; step++) {
+        Key key(rng() % 5 + 1);
+        for (UInt &a : key) a = rng() % 6 + (rng() % 50 == 0 ? 0xFFFFFFF0u : 'a');
+        ULong data = rng() % 4 == 0 ? 0 : ((ULong)rng() << 32 | rng());
+        int op = rng() % 10, changed = -1;
+        if (op < 6) {
+            bool force = op == 0;
+            Insert(key, data, force);
+            for (size_t n = 1; n < key.size(); n++)
+                model.emplace(Key(key.begin(), key.begin() + n), 0);
+            ULong &m = model[key];
+            if (force || m == 0) m = data;
+        } else if (op < 9) {
+            // Removing an existing key: often one that the model holds.
+            if (!model.empty() && rng() % 2) {
+                auto it = model.begin();
+                std::advance(it, rng() % model.size());
+                key = it->first;
+            }
+            ULong before = model.count(key) ? model[key] : 0;
+            PIMTreeResult r = Find(key, 0, 0, 1, 0, NEWGEN, &changed);
+            bool whole = r.found && r.matched == key.size();
+            EXPECT_EQ(whole, model.count(key) != 0);
+            EXPECT_EQ(changed, whole && before != 0);
+            ModelRemove(model, key);
+        } else {
+            PIMTreeResult r = Find(key, 0, 0, 0, 0);
+            auto it = model.find(key);
+            ASSERT_EQ(r.found && r.matched == key.size(), it != model.end());
+            EXPECT_EQ(r.data, it != model.end() ? it->second : r.data);
+        }
+        if (step % 400 == 399) {
+            ASSERT_EQ(Contents(NEWGEN), model) << step;
+            ASSERT_EQ(Contents(OLDGEN), committed) << step;
+            Commit();
+            committed = model;
+        }
+    }
+    EXPECT_GT(VMAArrayLength(tree->trans, NEWGEN), 2 * ARENA_MAX_BLOCK_SIZE / kTransSize);
+}
+
+// A transition's 16 bytes: data, atom and to, little-endian.
+TEST_F(PIMTreeTest, RecordBytes) {
+    PIMTreeResult r = Find({0xA1B2C3D4u}, 0x1122334455667788ull, 1, 0, 0);
+    EXPECT_TRUE(r.to == 0x80000007u && !r.internal && !PIMTreeEmpty(tree, NEWGEN));
+    UInt upBound;
+    const PIMTreeRecord *record = VMAArrayRange(tree->trans, 0, &upBound, NEWGEN, 1);
+    const UByte expected[16] = {0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11,
+                                0xD4, 0xC3, 0xB2, 0xA1, 0x07, 0x00, 0x00, 0x80};
+    EXPECT_EQ(memcmp(record->bytes, expected, 16), 0);
+    const UInt *heads = VMAArrayRange(tree->headIndex, 0, &upBound, NEWGEN, 1);
+    EXPECT_EQ(std::vector<UInt>(heads, heads + upBound), std::vector<UInt>({0, 1}));
+}
+
+// Runs inserted into a node in the middle of the array move the tail, and
+// every later transIndex entry, by their count; an atom above all others
+// goes to the end of its node's run.
+TEST_F(PIMTreeTest, InsertSonMovesTailAcrossBlocks) {
+    std::vector<PIMTreeTransition> many;
+    for (UInt a = 0; a < 1200; a++) many.push_back({a, a * 2, PIMTREE_LEAF_BIT | a});
+    UInt first, end;
+    UInt n1 = PIMTreeNodeNew(tree, &first, NEWGEN), n2 = PIMTreeNodeNew(tree, nullptr, NEWGEN);
+    PIMTreeNodeInsertSon(tree, td, n2, 0, many.data(), 1200, NEWGEN);
+    PIMTreeNodeInsertSon(tree, td, n1, 0, many.data(), 3, NEWGEN);
+    PIMTreeTransition top = {9, 0xFFFFFFFFu, 0}, mid = {8, 3, 0};
+    PIMTreeNodeInsertSon(tree, td, n1, 3, &top, 1, NEWGEN);
+    PIMTreeNodeInsertSon(tree, td, n1, 2, &mid, 1, NEWGEN);
+    EXPECT_EQ(first + PIMTreeNodeFirst(tree, n1, &end, NEWGEN) + end, 5u);
+    EXPECT_EQ(PIMTreeNodeFirst(tree, n2, &end, NEWGEN) * 10000 + end, 51205u);
+    std::vector<UInt> atoms;
+    for (UInt i = 0; i < 5; i++) atoms.push_back(PIMTreeTransGet(tree, i, NEWGEN).atom);
+    EXPECT_EQ(atoms, (std::vector<UInt>{0, 2, 3, 4, 0xFFFFFFFFu}));
+    for (UInt i = 0; i < 1200; i++) ASSERT_EQ(PIMTreeTransGet(tree, 5 + i, NEWGEN).data, i);
+    PIMTreeClear(tree, NEWGEN);
+    EXPECT_TRUE(PIMTreeEmpty(tree, NEWGEN) && PIMTreeNodeCount(tree, NEWGEN) == 1);
+}
+
+// A transIndex out of order is corruption.
+TEST_F(PIMTreeTest, HeadIndexOutOfOrderIsCorruption) {
+    Insert({1}, 1, false);
+    UInt bad = 5;
+    VMAArraySetRange(tree->headIndex, 0, &bad, 1);
+    EXPECT_DEATH(Find({1}, 0, 0, 0, 0), "s <= e");
+    EXPECT_TRUE(FileExists((dir / "corrupted").c_str()));
+}
+
+}  // namespace
