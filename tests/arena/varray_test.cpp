@@ -18,27 +18,20 @@ using namespace qk::arena;
 
 namespace {
 
-using Bytes = std::string;  // an array's elements, back to back
-
-class VArrayTest : public ::testing::Test {
+class VArrayTest : public ArenaTest {
   protected:
-    void SetUp() override { Open(kCreate); }
-    void TearDown() override { VMArenaClose(arena); }
-    void Open(UInt flags) {
-        if (arena != nullptr) VMArenaClose(arena);
-        arena = VMArenaOpen(dir.Path().c_str(), flags, 1, STATUS_NO_SERIAL, STATUS_NO_SERIAL,
-                            nullptr, nullptr);
-        ASSERT_NE(arena, nullptr) << QKErrorMessage();
+    void SetUp() override {
+        ArenaTest::SetUp();
+        Open(kCreate);
     }
-    void Commit() { ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr)) << QKErrorMessage(); }
     Int Make(const char *name, bool blockArray = false, UInt blockSize = 8192) {
         int create = 1;
         return VMAArrayFind(arena, NEWGEN, name, (UInt)strlen(name), 1, &create, blockArray,
                             blockSize);
     }
     // The elements through the fast path, stretch by stretch.
-    Bytes Read(Int id, Int genID, UInt eltSize) {
-        Bytes out;
+    std::string Read(Int id, Int genID, UInt eltSize) {
+        std::string out;
         UInt length = VMAArrayLength_(arena, id, genID);
         for (UInt i = 0, end; i < length; i = end) {
             auto *p = (const char *)VMAArrayRangeFast_(arena, id, 8192, i, &end, genID, 1, eltSize);
@@ -48,20 +41,26 @@ class VArrayTest : public ::testing::Test {
         return out;
     }
     VMAArray *Record(Int id) { return ArrayRecord(&arena->rw_gen, (UInt)id); }
-
-    TempDir dir;
-    VMArena *arena = nullptr;
+    // Equal bytes, or where they first differ.
+    static ::testing::AssertionResult Same(const std::string &actual, const std::string &expected) {
+        if (actual == expected) return ::testing::AssertionSuccess();
+        size_t at =
+            std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end()).first -
+            actual.begin();
+        return ::testing::AssertionFailure() << "sizes " << actual.size() << " and "
+                                             << expected.size() << ", first difference at " << at;
+    }
 };
 
 // One array under test and its model in both generations.
 struct Subject {
     Int id;
     UInt eltSize;
-    Bytes now, committed;
+    std::string now, committed;
 };
 
-Bytes RandomBytes(std::mt19937 &rng, size_t n) {
-    Bytes b(n, 0);
+std::string RandomBytes(std::mt19937 &rng, size_t n) {
+    std::string b(n, 0);
     for (char &c : b) c = (char)rng();
     return b;
 }
@@ -81,7 +80,7 @@ TEST_F(VArrayTest, RandomOperationsAgainstModel) {
         Subject &s = subjects[rng() % subjects.size()], &o = subjects[rng() % subjects.size()];
         UInt e = s.eltSize, n = (UInt)(s.now.size() / e), at = rng() % (n + 1);
         UInt count = rng() % 3 ? rng() % 40 : rng() % (3 * 8192 / e + 10);  // past 3 blocks
-        Bytes data = RandomBytes(rng, (size_t)(count + 1) * e), s1(e, 0), s2(e, 0);
+        std::string data = RandomBytes(rng, (size_t)(count + 1) * e), s1(e, 0), s2(e, 0);
         switch (rng() % 8) {
             case 0:
                 ASSERT_TRUE(VMAArrayAppend_(arena, s.id, 8192, data.data(), count, NEWGEN, e));
@@ -106,7 +105,7 @@ TEST_F(VArrayTest, RandomOperationsAgainstModel) {
             case 4:
                 if (&o == &s || o.eltSize != e) break;
                 ASSERT_TRUE(VMAArrayCopy_(arena, s.id, o.id, 8192, NEWGEN, e, count % 2));
-                s.now = (count % 2 ? s.now : Bytes()) + o.now;
+                s.now = (count % 2 ? s.now : std::string()) + o.now;
                 break;
             case 5:
                 if (count % 4) break;
@@ -165,7 +164,7 @@ TEST_F(VArrayTest, TypeMovesAtThresholds) {
         UInt blocks = FArrayLength(a->blockID);
         UInt last = blocks ? kSizes[FArrayNth(a->blockID, ULong, blocks - 1) & 15] : 0;
         EXPECT_EQ(std::vector<UInt>({c[0], a->type, blocks, last}), std::vector<UInt>(c, c + 4));
-        EXPECT_EQ(Read(id, NEWGEN, 4), Bytes((char *)values.data(), (size_t)c[0] * 4));
+        EXPECT_EQ(Read(id, NEWGEN, 4), std::string((char *)values.data(), (size_t)c[0] * 4));
     }
     // Asked for at once, 6144 elements make three full blocks, the partial
     // block's elements copied into the first.
@@ -173,7 +172,7 @@ TEST_F(VArrayTest, TypeMovesAtThresholds) {
     VMAArrayAppend_(arena, id, 8192, values.data(), 3, NEWGEN, 4);
     ASSERT_TRUE(VMAArrayEnsureCapacity_(arena, id, 8192, 6144, NEWGEN, 0, 4));
     EXPECT_EQ(Record(id)->type * 10 + FArrayLength(Record(id)->blockID), 13u);
-    EXPECT_EQ(Read(id, NEWGEN, 4), Bytes((char *)values.data(), 12));
+    EXPECT_EQ(Read(id, NEWGEN, 4), std::string((char *)values.data(), 12));
 }
 
 // Copy-on-write: the first write after a commit copies the block once,
@@ -246,7 +245,7 @@ TEST_F(VArrayTest, NamesAndPaths) {
     Commit();
     ASSERT_TRUE(VMAArrayInitFromPath(arena, &create, 0, 0, 0, path, "a", nullptr, handle));
     EXPECT_EQ(h.ids[OLDGEN], 1);
-    EXPECT_EQ(Read(0, OLDGEN, 1), Bytes("d/a\0d/b/c\0", 10));
+    EXPECT_EQ(Read(0, OLDGEN, 1), std::string("d/a\0d/b/c\0", 10));
     Open(kRead);
     EXPECT_EQ(find(NEWGEN, "new", 1), std::pair(VMA_NO_ARRAY, 0));
 }
@@ -256,16 +255,16 @@ TEST_F(VArrayTest, NamesAndPaths) {
 TEST_F(VArrayTest, BlockArrayAgainstModel) {
     Int id = Make("blocks", true, 4096);
     Commit();
-    std::vector<Bytes> model, committed;
+    std::vector<std::string> model, committed;
     std::mt19937 rng(4);
-    auto check = [&](Int genID, const std::vector<Bytes> &expect) {
+    auto check = [&](Int genID, const std::vector<std::string> &expect) {
         ASSERT_EQ(VMABlockArrayBlockCount_(arena, id, genID), expect.size());
         EXPECT_EQ(VMAArrayLength_(arena, id, genID), expect.size() * 4096);
         for (UInt b = 0; b < expect.size(); b++) {
             UInt size, n = (UInt)expect[b].size();
             auto *p = (const char *)VMABlockArrayGet_(arena, id, b, genID, 1, &size);
             EXPECT_EQ(size, n ? VMABlockArrayBlockRound_(arena, n, 4096) : 0);
-            EXPECT_EQ(p ? Bytes(p, n) : "<none>", n ? expect[b] : "<none>") << b;
+            EXPECT_EQ(p ? std::string(p, n) : "<none>", n ? expect[b] : "<none>") << b;
         }
     };
     for (int step = 0; step < 200; step++) {
@@ -279,9 +278,9 @@ TEST_F(VArrayTest, BlockArrayAgainstModel) {
             at %= model.size();
             EXPECT_EQ(VMABlockArrayBlockGrowNth_(arena, id, size, 4096, at, NEWGEN),
                       VMABlockArrayBlockRound_(arena, size, 4096));
-            Bytes kept = model[at].substr(0, size);
+            std::string kept = model[at].substr(0, size);
             auto *p = (char *)VMABlockArrayGet_(arena, id, at, NEWGEN, 0, &got);
-            EXPECT_EQ(Bytes(p, kept.size()), kept);
+            EXPECT_EQ(std::string(p, kept.size()), kept);
             model[at] = kept + RandomBytes(rng, size - kept.size());
             memcpy(p, model[at].data(), size);
         } else {
@@ -321,7 +320,7 @@ TEST_F(VArrayTest, RangeCacheSpansBlocks) {
     EXPECT_EQ(std::vector<UInt>(span, span + 20), std::vector<UInt>(&v[2040], &v[2060]));
     for (UInt i = 0; i < 20; i++) span[i] = v[2040 + i] = 100000 + i;
     ASSERT_TRUE(VMAArrayRangeRelease_(cache));
-    EXPECT_EQ(Read(id, NEWGEN, 4), Bytes((char *)v.data(), v.size() * 4));
+    EXPECT_EQ(Read(id, NEWGEN, 4), std::string((char *)v.data(), v.size() * 4));
     VMAArrayRangeCacheFree(cache);
 }
 
