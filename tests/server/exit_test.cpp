@@ -2,121 +2,69 @@
 // "exit" refuses new requests, waits for those in progress and runs the
 // program's callbacks; a second "exit" meanwhile sleeps; "abort" ends at
 // once. The exit hook stands in for the process's end, so that the child can
-// check the bytes it received before it goes.
-#include <poll.h>
-#include <unistd.h>
-
-#include <atomic>
-
-#include "server/gate.h"
+// check the bytes it received before it goes; a failed check ends the child
+// with a status of its own.
 #include "server/server_support.h"
-
-using namespace qktest;
 
 namespace {
 
-std::atomic<int> exitStatus{-1};
-std::atomic<int> exitCalls{0};
-std::atomic<int> cleanupAborting{-1};
+std::atomic<int> exitStatus{-1}, exitCalls{0}, cleanupAborting{-1};
 Gate gate;
-
-void HoldingExit(int status) {
-    exitStatus = status;
-    for (;;) pause();
-}
-
-void OnExit(void *) {
-    exitCalls++;
-}
-
-int OnCleanup(int aborting, void *) {
-    cleanupAborting = aborting;
-    return aborting ? 5 : 7;
-}
-
-int Slow(QKClient *client, void *) {
+QKServerCommand slowCommand = Command("slow", [](QKClient *client, void *) {
     gate.Pass();
-    QKClientSuccess(client, 0);
-    QKClientWriteString(client, "slow");
-    return QKClientWriteBuf(client, "", 1) ? QK_COMMAND_DONE : QK_COMMAND_DROP;
+    return Answer(client, "slow");
+});
+
+// A server whose exit is held and whose callbacks record their calls.
+TestServer *ExitingServer() {
+    QKSetExit([](int status) {
+        exitStatus = status;
+        for (;;) pause();
+    });
+    return new TestServer(
+        {&slowCommand},
+        {.onExit = [](void *) { exitCalls++; },
+         .onCleanup = [](int aborting, void *) { return (cleanupAborting = aborting) ? 5 : 7; }});
 }
 
-int Echo(QKClient *client, void *) {
-    return QKClientSuccess(client, 0);
-}
-
-QKServerCommand slowCommand = {"slow", Slow, nullptr, PROTOCOL_NATIVE, nullptr};
-QKServerCommand echoCommand = {"echo", Echo, nullptr, PROTOCOL_NATIVE, nullptr};
-
-QKServer *ExitingServer() {
-    QKServerCommand *commands[] = {&slowCommand, &echoCommand, nullptr};
-    return QKServerNew(1, 1, commands, nullptr, OnExit, OnCleanup, nullptr, nullptr, 60, 60, 30, 0,
-                       0);
-}
-
-// In the child, a failed check ends it with its own status.
 #define CHECK(condition, status) \
     if (!(condition)) _exit(status)
 
-template <typename Predicate>
-bool Eventually(Predicate predicate) {
-    for (int i = 0; i < 2000; i++) {
-        if (predicate()) return true;
-        usleep(10000);
-    }
-    return false;
-}
-
-// True when nothing can be read from the socket now.
-bool Silent(int fd) {
-    pollfd p = {fd, POLLIN, 0};
-    return poll(&p, 1, 0) == 0;
-}
-
-const std::string kNul(1, '\0');
-
 void CleanExit() {
-    QKSetExit(HoldingExit);
-    TestServer server(ExitingServer());
-    RawClient running(server.port());
+    UShort port = ExitingServer()->port;
+    RawClient running(port), first(port);
     running.Send("slow\n");
-    gate.AwaitInside(1);
-
-    RawClient first(server.port());
+    gate.arrived.acquire();
     first.Send("exit\n");
-    CHECK(first.ReadExactly(2) == "!\n", 10);
-    CHECK(Eventually([] { return exitCalls == 1; }), 11);
-    RawClient second(server.port());
+    CHECK(first.Read(2) == "!\n", 10);
+    CHECK(Eventually([] { return exitCalls == 1; }, 20000), 11);
+    RawClient second(port);
     second.Send("exit\n");
-    CHECK(second.ReadExactly(2) == "!\n", 12);
-
-    // While exiting: a known command is dropped unanswered, an unknown one
-    // is answered and the connection ends.
-    RawClient refused(server.port());
-    refused.Send("echo\n");
-    CHECK(refused.ReadAll() == "", 13);
-    RawClient unknown(server.port());
+    CHECK(second.Read(2) == "!\n", 12);
+    // While exiting: a known command is dropped unanswered (without
+    // coming to the gate), an unknown one is answered and the
+    // connection ends.
+    RawClient refused(port), unknown(port);
+    refused.Send("slow\n");
+    CHECK(refused.ReadThrough() == "" && !gate.arrived.try_acquire(), 13);
     unknown.Send("nosuch\n");
-    CHECK(unknown.ReadAll() == "? 1 illegal command\n" + kNul, 14);
+    CHECK(unknown.ReadThrough() == Nul("? 1 illegal command\n"), 14);
     CHECK(exitStatus == -1 && cleanupAborting == -1, 15);
-
-    gate.Open();
-    CHECK(running.ReadThrough('\0') == "!\nslow" + kNul, 16);
-    CHECK(running.AtEnd(), 17);
-    CHECK(first.ReadExactly(1) == kNul, 18);
-    CHECK(Eventually([] { return exitStatus != -1; }), 19);
-    CHECK(exitStatus == 7 && cleanupAborting == 0 && exitCalls == 1, 20);
-    CHECK(Silent(second.fd()), 21);  // the second exit sleeps
+    gate.open.count_down();
+    CHECK(running.ReadThrough('\0') == Nul("!\nslow") && running.AtEnd(), 16);
+    CHECK(first.Read(1) == Nul(""), 17);
+    CHECK(Eventually([] { return exitStatus != -1; }, 20000), 18);
+    CHECK(exitStatus == 7 && cleanupAborting == 0 && exitCalls == 1, 19);
+    pollfd p = {second.fd_, POLLIN, 0};
+    CHECK(poll(&p, 1, 0) == 0, 20);  // the second exit sleeps
     _exit(0);
 }
 
 void Abort() {
-    QKSetExit(HoldingExit);
-    TestServer server(ExitingServer());
-    RawClient client(server.port());
+    RawClient client(ExitingServer()->port);
     client.Send("abort\n");
-    CHECK(client.ReadThrough('\0') == "!\n" + kNul, 30);
-    CHECK(Eventually([] { return exitStatus != -1; }), 31);
+    CHECK(client.ReadThrough('\0') == Nul("!\n"), 30);
+    CHECK(Eventually([] { return exitStatus != -1; }, 20000), 31);
     CHECK(exitStatus == 5 && cleanupAborting == 1 && exitCalls == 0, 32);
     _exit(0);
 }
