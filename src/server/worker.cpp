@@ -6,6 +6,8 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <openssl/crypto.h>
+
 #include "server/server_internal.h"
 
 namespace qk::server {
@@ -151,10 +153,18 @@ bool Park(QKClient *client) {
         ConditionWait(&client->c_condition, &server->threadLock);
     }
     Unlink(server, client);
+    MutexUnlock(&server->threadLock);
+    // The worker gives back what it holds before it counts itself out, so
+    // that nothing of it runs once a stopping server has seen it end: its
+    // client, and the TLS library's state of this thread, which the library
+    // would otherwise release at the thread's exit, racing with its own
+    // clean-up at the process's exit.
+    ClientFree(client);
+    OPENSSL_thread_stop();
+    MutexLock(&server->threadLock);
     qkassert(server->threads > 0);
     if (--server->threads == 0) ConditionBroadcast(&server->threadsDone);
     MutexUnlock(&server->threadLock);
-    ClientFree(client);
     return false;
 }
 
