@@ -9,6 +9,9 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 class TempDir {
@@ -18,12 +21,10 @@ class TempDir {
         if (mkdtemp(name) != nullptr) path_ = name;
         EXPECT_FALSE(path_.empty());
     }
+    // Links are removed, never followed.
     ~TempDir() {
-        if (path_.empty()) return;
-        nftw(
-            path_.c_str(),
-            [](const char *path, const struct stat *, int, struct FTW *) { return remove(path); },
-            16, FTW_DEPTH | FTW_PHYS);
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
     }
     const std::string &Path() const { return path_; }
     std::string operator/(const std::string &name) const { return path_ + "/" + name; }
@@ -33,19 +34,12 @@ class TempDir {
 };
 
 inline void WriteWhole(const std::string &path, const std::string &content) {
-    FILE *f = fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr) << path;
-    ASSERT_EQ(fwrite(content.data(), 1, content.size(), f), content.size());
-    fclose(f);
+    std::ofstream file(path, std::ios::binary);
+    ASSERT_TRUE(file << content) << path;
 }
 
+// The content of the file at `path`, or "<missing>".
 inline std::string ReadWhole(const std::string &path) {
-    std::string content;
-    FILE *f = fopen(path.c_str(), "rb");
-    if (f == nullptr) return "<missing>";
-    char buffer[4096];
-    size_t n;
-    while ((n = fread(buffer, 1, sizeof buffer, f)) > 0) content.append(buffer, n);
-    fclose(f);
-    return content;
+    std::ifstream file(path, std::ios::binary);
+    return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "<missing>";
 }

@@ -27,10 +27,15 @@
 
 using Bytes = std::vector<UByte>;
 
-// The library started under the name "frametest", the error state clear.
+// The library started under the name "frametest", the error state clear;
+// death tests start a fresh process, as other threads may hold locks. The
+// default message handler comes back after each test.
 class FrameTest : public ::testing::Test {
   protected:
-    void SetUp() override { QKLibInit("frametest"), QKErrorClear(); }
+    void SetUp() override {
+        QKLibInit("frametest"), QKErrorClear(), GTEST_FLAG_SET(death_test_style, "threadsafe");
+    }
+    void TearDown() override { QKSetMessageHandler(nullptr); }
 };
 
 // The same with a fresh directory.
@@ -40,18 +45,31 @@ class FileTest : public FrameTest {
     TempDir dir;
 };
 
+// The elements an array holds, as bytes.
+template <class Array>
+std::string Text(const Array &array) {
+    return std::string((const char *)array.data, array.length * sizeof *array.data);
+}
+
 // The pending error is the library's general `code` with `text`.
 #define EXPECT_ERROR(code, text)                                      \
     EXPECT_EQ(QKErrorCode(), QK_ERROR_CODE(code, QK_DOMAIN_GENERAL)); \
     EXPECT_STREQ(QKErrorMessage(), text)
 
-// The error state that a call left: errno and the code of the thread's error;
-// that of a failed system call with the system's error `code`.
-inline std::pair<int, ULong> Left() {
+// What a call returned and the error state it left: errno and the code of
+// the thread's error; that of a call failing with the system's error `code`.
+template <class T>
+std::tuple<T, int, ULong> Left(T result) {
     int error = errno;
-    return {error, QKErrorCode()};
+    return {result, error, QKErrorCode()};
 }
-#define OS_FAILURE(code) std::pair(-1, QK_ERROR_CODE(code, QK_DOMAIN_OS))
+#define OS_FAILURE(result, code) std::tuple(result, -1, QK_ERROR_CODE(code, QK_DOMAIN_OS))
+
+// What a call returned, and errno after it.
+template <class T>
+std::tuple<T, int> WithErrno(T result) {
+    return {result, errno};
+}
 
 // Spins until `done` holds; false when it did not within a generous limit.
 template <class Predicate>
@@ -72,8 +90,7 @@ void RunAtOnce(int count, Body body) {
     std::vector<std::thread> threads;
     for (int i = 0; i < count; i++) {
         threads.emplace_back([&, i] {
-            for (ready++; ready < count;) {
-            }
+            for (ready++; ready < count;) continue;
             body(i);
         });
     }

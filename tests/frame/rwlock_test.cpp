@@ -15,24 +15,57 @@ std::tuple<Int, UInt, Int> Counters(RWULock *lock) {
                  [](RWULock *l) { return std::tuple(l->state, l->writersWaiting, l->upgradable); });
 }
 
-// A fresh lock of each kind for every test, and the order in which threads
-// got into them: one at a time, as the locks let them in.
+// Calls on a lock by letter: r, w and u acquire for reading, for writing and
+// as the upgradable reader, U upgrades, D downgrades and - releases.
+void Call(RWLock *lock, char call) {
+    static void (*const calls[])(RWLock *) = {RWLockAcquireRead, RWLockAcquireWrite, RWLockRelease};
+    calls[strchr("rw-", call) - "rw-"](lock);
+}
+void Call(RWULock *lock, char call) {
+    static void (*const calls[])(RWULock *) = {RWULockAcquireRead,       RWULockAcquireWrite,
+                                               RWULockAcquireUpgradable, RWULockUpgrade,
+                                               RWULockDowngrade,         RWULockRelease};
+    calls[strchr("rwuUD-", call) - "rwuUD-"](lock);
+}
+
+// One step of an ordering scenario: the main thread's calls, then maybe a
+// visitor thread with its own calls, which either sleeps on `sleeps` or, with
+// none, is joined at once; then the counters the lock settles at.
+template <class Lock>
+struct Step {
+    const char *main, *visitor;
+    Condition Lock::*sleeps;
+    decltype(Counters((Lock *)nullptr)) counters;
+};
+
+// A fresh lock of each kind for every test, and the order in which the
+// visitors got into them, a letter for each call but a release.
 class RWLockTest : public FrameTest {
   protected:
     void SetUp() override { FrameTest::SetUp(), RWLockInit(&lock), RWULockInit(&ulock); }
     void TearDown() override { RWLockDestroy(&lock), RWULockDestroy(&ulock); }
     void Add(char step) { steps[length] = step, length++; }
     std::string Steps() const { return std::string(steps, length); }
-    static void Release(RWLock *lock) { RWLockRelease(lock); }
-    static void Release(RWULock *lock) { RWULockRelease(lock); }
-    // A thread that takes `lock` with `acquire`, notes `step` and lets go.
+    // Plays `script` on `lock`: the visitors come in `order`, the lock ends free.
     template <class Lock>
-    std::thread Visitor(Lock *lock, void (*acquire)(Lock *), char step) {
-        return std::thread([=, this] { acquire(lock), Add(step), Release(lock); });
-    }
-    // Waits until a thread sleeps on `condition`.
-    static void AwaitSleeper(Condition *condition) {
-        ASSERT_TRUE(WaitFor([=] { return Waiting(condition); }));
+    void Play(Lock *lock, const std::vector<Step<Lock>> &script, const char *order) {
+        std::vector<std::thread> visitors;
+        length = 0;
+        for (const Step<Lock> &step : script) {
+            for (const char *c = step.main; *c; c++) Call(lock, *c);
+            if (step.visitor) {
+                visitors.emplace_back([=, this, calls = step.visitor] {
+                    for (const char *c = calls; *c; c++)
+                        Call(lock, *c), *c == '-' ? void() : Add(*c);
+                });
+            }
+            if (step.visitor && !step.sleeps) visitors.back().join(), visitors.pop_back();
+            auto sleeping = [&] { return !step.sleeps || Waiting(&(lock->*step.sleeps)); };
+            ASSERT_TRUE(WaitFor(sleeping));
+            ASSERT_TRUE(WaitFor([&] { return Counters(lock) == step.counters; })) << order;
+        }
+        for (auto &visitor : visitors) visitor.join();
+        EXPECT_EQ(Steps(), order);
     }
 
     RWLock lock;
@@ -41,30 +74,15 @@ class RWLockTest : public FrameTest {
     std::atomic<int> length{0};
 };
 
-TEST_F(RWLockTest, ReaderStandsBackForAWaitingWriterEvenWhileReadersHoldIt) {
-    RWLockAcquireRead(&lock);
-    std::thread([&] { RWLockAcquireRead(&lock); }).join();  // readers share
-    EXPECT_EQ(Counters(&lock), std::tuple(2, 0u));
-    RWLockRelease(&lock);
-    std::thread writer = Visitor(&lock, RWLockAcquireWrite, 'W');
-    ASSERT_TRUE(WaitFor([&] { return Counters(&lock) == std::tuple(1, 1u); }));
-    std::thread reader = Visitor(&lock, RWLockAcquireRead, 'R');
-    AwaitSleeper(&lock.readers);
-    EXPECT_EQ(Steps(), "");
-    RWLockRelease(&lock);
-    writer.join(), reader.join();
-    EXPECT_EQ(Steps(), "WR");
-    EXPECT_EQ(Counters(&lock), std::tuple(0, 0u));
-}
-
 // Held for writing, then for reading: what another thread gets with a timed
 // write and a timed read. A reader held back by a writer that gives up comes
 // in, though the first reader still holds the lock.
-TEST_F(RWLockTest, TimeoutsLeaveTheCountersRightAndLetReadersIn) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST_F(RWLockTest, TimeoutsAndOrderingScenarios) {
     EXPECT_DEATH(RWLockRelease(&lock), "'lock->state > 0' failed");  // a free lock
     for (auto [write, read] : {std::pair(1, 0), std::pair(0, 1)}) {
-        write ? RWLockAcquireWrite(&lock) : RWLockAcquireRead(&lock);
+        ASSERT_EQ(write ? RWLockAcquireWriteTimeout(&lock, 20)
+                        : RWLockAcquireReadTimeout(&lock, QK_INFINITE),
+                  1);
         std::thread([&] {
             EXPECT_EQ(RWLockAcquireWriteTimeout(&lock, 20), 0);
             EXPECT_EQ(RWLockAcquireReadTimeout(&lock, 20), read);
@@ -73,75 +91,46 @@ TEST_F(RWLockTest, TimeoutsLeaveTheCountersRightAndLetReadersIn) {
         EXPECT_EQ(Counters(&lock), std::tuple(write ? -1 : 1, 0u));
         RWLockRelease(&lock);
     }
-    EXPECT_EQ(RWLockAcquireWriteTimeout(&lock, 20), 1);
-    EXPECT_EQ(Counters(&lock), std::tuple(-1, 0u));
-    RWLockRelease(&lock);
-    EXPECT_EQ(RWLockAcquireReadTimeout(&lock, QK_INFINITE), 1);
+    RWLockAcquireRead(&lock);
     std::thread writer([&] { EXPECT_EQ(RWLockAcquireWriteTimeout(&lock, 1000), 0); });
     ASSERT_TRUE(WaitFor([&] { return Counters(&lock) == std::tuple(1, 1u); }));
-    std::thread reader = Visitor(&lock, RWLockAcquireRead, 'R');
+    std::thread reader([&] { RWLockAcquireRead(&lock), Add('R'), RWLockRelease(&lock); });
     writer.join();
     EXPECT_TRUE(WaitFor([&] { return Steps() == "R"; }));
     RWLockRelease(&lock);
     reader.join();
     EXPECT_EQ(Counters(&lock), std::tuple(0, 0u));
-}
-
-// ---- Upgradable lock ----
-
-TEST_F(RWLockTest, SecondUpgradableWaitsWhilePlainReadersPass) {
-    RWULockAcquireUpgradable(&ulock);
-    EXPECT_EQ(Counters(&ulock), std::tuple(1, 0u, 1));
-    EXPECT_EQ(ulock.upgradableThread, ThreadId());
-    std::thread second = Visitor(&ulock, RWULockAcquireUpgradable, 'U');
-    AwaitSleeper(&ulock.upgraders);
-    Visitor(&ulock, RWULockAcquireRead, 'R').join();
-    EXPECT_EQ(Steps(), "R");
-    EXPECT_EQ(Counters(&ulock), std::tuple(1, 0u, 1));
-    RWULockRelease(&ulock);
-    second.join();
-    EXPECT_EQ(Steps(), "RU");
-    EXPECT_EQ(Counters(&ulock), std::tuple(0, 0u, 0));
-}
-
-// The upgrade waits for the other readers, and keeps new ones out.
-TEST_F(RWLockTest, UpgradeWaitsForTheOtherReaders) {
-    RWULockAcquireRead(&ulock);
-    std::atomic<Int> stateAfterUpgrade{0};
-    std::thread upgrader([&] {
-        RWULockAcquireUpgradable(&ulock), Add('u'), RWULockUpgrade(&ulock);
-        stateAfterUpgrade = ulock.state;
-        Add('W'), RWULockRelease(&ulock);
-    });
-    AwaitSleeper(&ulock.upgrader);
-    EXPECT_EQ(Counters(&ulock), std::tuple(2, 1u, -1));
-    std::thread reader = Visitor(&ulock, RWULockAcquireRead, 'R');
-    AwaitSleeper(&ulock.readers);
-    EXPECT_EQ(Steps(), "u");
-    RWULockRelease(&ulock);
-    upgrader.join(), reader.join();
-    EXPECT_EQ(Steps(), "uWR");
-    EXPECT_EQ(stateAfterUpgrade, -1);
-    EXPECT_EQ(Counters(&ulock), std::tuple(0, 0u, 0));
-}
-
-// A downgrade lets readers in and keeps the right to upgrade again.
-TEST_F(RWLockTest, DowngradeLetsReadersInAndKeepsTheUpgradeRight) {
-    RWULockAcquireWrite(&ulock);
-    std::thread reader = Visitor(&ulock, RWULockAcquireRead, 'R');
-    AwaitSleeper(&ulock.readers);
-    RWULockDowngrade(&ulock);
-    reader.join();
-    EXPECT_EQ(Steps(), "R");
-    EXPECT_EQ(Counters(&ulock), std::tuple(1, 0u, 1));
-    std::thread second = Visitor(&ulock, RWULockAcquireUpgradable, 'U');
-    AwaitSleeper(&ulock.upgraders);
-    RWULockUpgrade(&ulock);
-    EXPECT_EQ(std::get<0>(Counters(&ulock)), -1);
-    RWULockRelease(&ulock);
-    second.join();
-    EXPECT_EQ(Steps(), "RU");
-    EXPECT_EQ(std::get<0>(Counters(&ulock)), 0);
+    // A reader stands back for a waiting writer, even while readers hold the
+    // lock; a writer that leaves wakes a waiting writer. A second upgradable
+    // reader waits while plain readers pass. An upgrade waits for the other
+    // readers and keeps new ones out. A downgrade lets readers in and keeps the
+    // right to upgrade again.
+    const std::pair<std::vector<Step<RWLock>>, const char *> plain[] = {
+        {{{"r", "w-", &RWLock::writers, {1, 1u}},
+          {"", "r-", &RWLock::readers, {1, 1u}},
+          {"-", nullptr, nullptr, {0, 0u}}},
+         "wr"},
+        {{{"w", "w-", &RWLock::writers, {-1, 1u}}, {"-", nullptr, nullptr, {0, 0u}}}, "w"},
+    };
+    for (const auto &[script, order] : plain) Play(&lock, script, order);
+    const std::pair<std::vector<Step<RWULock>>, const char *> upgradable[] = {
+        {{{"w", "w-", &RWULock::writers, {-1, 1u, 0}}, {"-", nullptr, nullptr, {0, 0u, 0}}}, "w"},
+        {{{"u", "w-", &RWULock::writers, {1, 1u, 1}}, {"-", nullptr, nullptr, {0, 0u, 0}}}, "w"},
+        {{{"u", "u-", &RWULock::upgraders, {1, 0u, 1}},
+          {"", "r-", nullptr, {1, 0u, 1}},
+          {"-", nullptr, nullptr, {0, 0u, 0}}},
+         "ru"},
+        {{{"r", "uU-", &RWULock::upgrader, {2, 1u, -1}},
+          {"", "r-", &RWULock::readers, {2, 1u, -1}},
+          {"-", nullptr, nullptr, {0, 0u, 0}}},
+         "uUr"},
+        {{{"w", "r-", &RWULock::readers, {-1, 0u, 0}},
+          {"D", "u-", &RWULock::upgraders, {1, 0u, 1}},
+          {"U", nullptr, nullptr, {-1, 0u, 0}},
+          {"-", nullptr, nullptr, {0, 0u, 0}}},
+         "ru"},
+    };
+    for (const auto &[script, order] : upgradable) Play(&ulock, script, order);
 }
 
 // Who is inside a lock under load, and how often the rules were broken.
@@ -152,40 +141,35 @@ struct Occupancy {
 };
 
 // Both locks from their static initial values under mixed use by threads
-// that start at once; the upgradable lock has one upgradable reader at most.
+// that start at once, some calls timed; the upgradable lock has one
+// upgradable reader at most.
 TEST(RWLockStaticTest, MixedUseKeepsTheRules) {
     static RWLock lock = RWLOCK_INITIALIZER;
     static RWULock ulock = RWULOCK_INITIALIZER;
     Occupancy inside, uinside;
     std::atomic<int> upgradables{0};
+    const char *scripts[] = {"w", "r", "r", "r", "u", "uU", "uUD"};
     RunAtOnce(6, [&](int thread) {
         std::minstd_rand random(thread + 1);
         for (int k = 0; k < 1500; k++) {
             bool write = random() % 4 == 0, wait = random() % 2;
-            if (wait) write ? RWLockAcquireWrite(&lock) : RWLockAcquireRead(&lock);
-            if (wait || (write ? RWLockAcquireWriteTimeout : RWLockAcquireReadTimeout)(&lock, 1)) {
-                write ? inside.Write() : inside.Read();
-                RWLockRelease(&lock);
+            if (wait) Call(&lock, write ? 'w' : 'r');
+            if (wait || (write ? RWLockAcquireWriteTimeout : RWLockAcquireReadTimeout)(&lock, 1))
+                write ? inside.Write() : inside.Read(), Call(&lock, '-');
+            const char *script = scripts[random() % 7];
+            for (const char *c = script; *c; c++) {
+                Call(&ulock, *c);
+                uinside.violations += *c == 'u' && upgradables++ != 0;
+                strchr("wU", *c) ? uinside.Write() : uinside.Read();
             }
-            int kind = random() % 6;
-            if (kind == 0) RWULockAcquireWrite(&ulock), uinside.Write();
-            if (kind >= 3) RWULockAcquireRead(&ulock), uinside.Read();
-            if (kind == 1 || kind == 2) {
-                RWULockAcquireUpgradable(&ulock);
-                uinside.violations += upgradables++ != 0;
-                uinside.Read();
-                bool upgrade = random() % 2;
-                if (upgrade) RWULockUpgrade(&ulock), uinside.Write();
-                if (upgrade && random() % 2) RWULockDowngrade(&ulock), uinside.Read();
-                upgradables--;
-            }
-            RWULockRelease(&ulock);
+            upgradables -= *script == 'u';
+            Call(&ulock, '-');
         }
     });
     for (Occupancy *o : {&inside, &uinside})
         EXPECT_EQ(std::tuple(o->violations > 0, o->written > 0), std::tuple(false, true));
-    EXPECT_EQ(Counters(&lock), std::tuple(0, 0u));
-    EXPECT_EQ(Counters(&ulock), std::tuple(0, 0u, 0));
+    EXPECT_EQ(std::tuple(Counters(&lock), Counters(&ulock)),
+              std::tuple(std::tuple(0, 0u), std::tuple(0, 0u, 0)));
 }
 
 }  // namespace

@@ -15,34 +15,35 @@ bool LockedElsewhere(Mutex *mutex) {
     return error == EBUSY;
 }
 
-// Threads racing on the first use of a static mutex, made again after each
-// destruction, agree on one lock; the explicitly made RecursiveMutex
-// excludes them as well, entered twice.
+// Threads racing on the first use of a static mutex and condition, the
+// mutex made again after each destruction, agree on one of each: they pass
+// a turn around in order. The explicitly made RecursiveMutex excludes them
+// as well, entered twice.
 TEST(MutexTest, ThreadsRacingOnFirstUseAgreeOnOneLock) {
     RecursiveMutex recursive;
     RecursiveMutexInit(&recursive);
     Mutex mutex = MUTEX_INITIALIZER;
-    long total = 0;
+    Condition condition = CONDITION_INITIALIZER;
+    long turn = 0, total = 0;
     for (int round = 0; round < 20; round++) {
         uintptr_t seen[8];
-        long counter = 0;
-        RunAtOnce(8, [&](int i) {
-            MutexLock(&mutex), seen[i] = __atomic_load_n(&mutex, __ATOMIC_RELAXED),
-                               MutexUnlock(&mutex);
+        RunAtOnce(8, [&](int me) {
+            MutexLock(&mutex), seen[me] = __atomic_load_n(&mutex, __ATOMIC_RELAXED);
+            for (int k = 0; k < 5; k++, turn++, ConditionBroadcast(&condition)) {
+                while (turn % 8 != me) ConditionTimedWait(&condition, &mutex, QK_INFINITE);
+            }
+            MutexUnlock(&mutex);
             for (int k = 0; k < 500; k++) {
-                MutexLock(&mutex), counter++, MutexUnlock(&mutex);
                 RecursiveMutexLock(&recursive), RecursiveMutexLock(&recursive), total++;
                 RecursiveMutexUnlock(&recursive), RecursiveMutexUnlock(&recursive);
             }
         });
-        for (uintptr_t word : seen) EXPECT_EQ(word, mutex);
-        EXPECT_EQ(counter, 8 * 500);
+        EXPECT_EQ(std::count(seen, seen + 8, mutex), 8);
         MutexDestroy(&mutex);
         EXPECT_EQ(mutex, MUTEX_INVALID);
     }
-    EXPECT_EQ(total, 20 * 8 * 500);
-    RecursiveMutexDestroy(&recursive);
-    EXPECT_EQ(recursive, nullptr);
+    RecursiveMutexDestroy(&recursive), ConditionDestroy(&condition);
+    EXPECT_EQ(std::tuple(turn, total, recursive), std::tuple(20 * 8 * 5, 20 * 8 * 500, nullptr));
     // Entered twice, the mutex is free only after the second unlock.
     MutexInit(&mutex), MutexLock(&mutex), MutexLock(&mutex), MutexUnlock(&mutex);
     EXPECT_TRUE(LockedElsewhere(&mutex));
@@ -62,7 +63,7 @@ class ConditionTest : public FrameTest {
 
 // A wait returns with the mutex held again: 0 on timeout, 1 when signalled.
 // Signals and broadcasts with nobody waiting are lost.
-TEST_F(ConditionTest, WaitsReturnWithTheMutexHeld) {
+TEST_F(ConditionTest, WaitsSignalsAndBroadcasts) {
     ConditionSignal(&condition);
     MutexLock(&mutex);
     ConditionBroadcast(&condition);
@@ -70,23 +71,15 @@ TEST_F(ConditionTest, WaitsReturnWithTheMutexHeld) {
         EXPECT_EQ(ConditionTimedWait(&condition, &mutex, timeout), 0);
         EXPECT_TRUE(LockedElsewhere(&mutex));
     }
-    EXPECT_EQ(condition.waiters + condition.broadcasting, 0u);
-    bool flag = false;
     std::thread signaller([&] {
         ASSERT_TRUE(WaitFor([&] { return Waiting(&condition); }));
-        MutexLock(&mutex);
-        flag = true;
-        ConditionSignal(&condition);
-        MutexUnlock(&mutex);
+        MutexLock(&mutex), ConditionSignal(&condition), MutexUnlock(&mutex);
     });
     EXPECT_EQ(ConditionTimedWait(&condition, &mutex, 60000), 1);
-    EXPECT_TRUE(flag && LockedElsewhere(&mutex));
+    EXPECT_TRUE(LockedElsewhere(&mutex));
     MutexUnlock(&mutex);
     signaller.join();
-    EXPECT_EQ(condition.waiters, 0u);
-}
-
-TEST_F(ConditionTest, BroadcastReturnsOnlyWhenEveryWaiterHasWoken) {
+    // A broadcast returns only when every waiter has woken.
     for (int round = 0; round < 5; round++) {
         int woken = 0;
         bool go = false;
@@ -100,9 +93,7 @@ TEST_F(ConditionTest, BroadcastReturnsOnlyWhenEveryWaiterHasWoken) {
         }
         ASSERT_TRUE(WaitFor(
             [&] { return Under(&condition, [](Condition *c) { return c->waiters; }) == 6; }));
-        MutexLock(&mutex);
-        go = true;
-        ConditionBroadcast(&condition);
+        MutexLock(&mutex), go = true, ConditionBroadcast(&condition);
         // Every waiter has passed its wait; none has the mutex back yet.
         EXPECT_EQ(Under(&condition, [](Condition *c) { return c->waiters + c->broadcasting; }), 0u);
         EXPECT_EQ(woken, 0);
@@ -114,25 +105,6 @@ TEST_F(ConditionTest, BroadcastReturnsOnlyWhenEveryWaiterHasWoken) {
         EXPECT_EQ(ConditionTimedWait(&condition, &mutex, 10), 0);
         MutexUnlock(&mutex);
     }
-}
-
-// Threads pass a turn around on a static condition and mutex, starting at
-// once so that they race on making both.
-TEST(ConditionStaticTest, StaticInitialValueWorksFromRacingThreads) {
-    static Mutex mutex = MUTEX_INITIALIZER;
-    static Condition condition = CONDITION_INITIALIZER;
-    int turn = 0;
-    RunAtOnce(4, [&](int me) {
-        MutexLock(&mutex);
-        for (int k = 0; k < 500; k++) {
-            while (turn % 4 != me) ConditionTimedWait(&condition, &mutex, QK_INFINITE);
-            turn++;
-            ConditionBroadcast(&condition);
-        }
-        MutexUnlock(&mutex);
-    });
-    EXPECT_EQ(turn, 4 * 500);
-    EXPECT_EQ(condition.waiters + condition.broadcasting, 0u);
 }
 
 // ---- Pools ----
@@ -160,8 +132,7 @@ using PoolTest = FrameTest;
 // The item at rest is reused, the last released first. Compaction deletes the
 // items at rest and keeps the count of those out; freeing deletes them from
 // the first on the free list. Releasing with nothing out is an assertion.
-TEST_F(PoolTest, CallbackOperationsReuseAndCompaction) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST_F(PoolTest, CallbacksReuseCompactionAndTheLimit) {
     Pool pool = POOL_INITIALIZER(Record);
     Item *a = PoolAcquire(pool, &x, Item, -1), *b = PoolAcquire(pool, &y, Item, -1);
     PoolRelease(pool, a, &y);
@@ -183,46 +154,21 @@ TEST_F(PoolTest, CallbackOperationsReuseAndCompaction) {
     EXPECT_DEATH(PoolRelease_(&empty, item, nullptr), "'pool->t.count > 0' failed");
     UnAllocate(item);
     PoolFree_(&empty, nullptr);
-}
-
-TEST_F(PoolTest, LimitOneBlocksASecondThreadUntilRelease) {
-    static Pool pool = POOL_INITIALIZER(nullptr);
-    Item *first = PoolAcquire(pool, nullptr, Item, 1), *second = nullptr;
-    std::atomic<bool> released{false}, releasedBeforeAcquire{false};
-    std::thread other([&] {
-        second = PoolAcquire(pool, nullptr, Item, 1);
-        releasedBeforeAcquire = released.load();
-    });
-    // Only the limit puts the other thread to sleep on the pool's condition.
-    ASSERT_TRUE(WaitFor([&] { return Waiting(&pool.t.condition); }));
-    released = true;
-    PoolRelease(pool, first, nullptr);
-    other.join();
-    EXPECT_TRUE(releasedBeforeAcquire);
-    EXPECT_EQ(second, first);
-    EXPECT_EQ(pool.t.count, 1u);
-    PoolRelease(pool, second, nullptr);
-    PoolFree(pool, nullptr);
-}
-
-TEST_F(PoolTest, ThreadsNeverHoldMoreThanTheLimit) {
-    static Pool pool = POOL_INITIALIZER(nullptr);
-    std::atomic<int> out{0}, maxOut{0};
+    // Under load, threads never hold more than the limit: the others sleep on
+    // the pool's condition until an item comes back.
+    static Pool limited = POOL_INITIALIZER(nullptr);
+    std::atomic<int> out{0}, exceeded{0};
     RunAtOnce(4, [&](int) {
         for (int i = 0; i < 2000; i++) {
-            int *item = PoolAcquire(pool, nullptr, int, 2);
-            int now = ++out, seen = maxOut.load();
-            while (now > seen && !maxOut.compare_exchange_weak(seen, now)) {
-            }
-            *item = i;  // the item is ours alone
-            --out;
-            PoolRelease(pool, item, nullptr);
+            Item *item = PoolAcquire(limited, nullptr, Item, 2);
+            exceeded += ++out > 2;
+            item->payload[0] = (char)i, --out;  // the item is ours alone
+            PoolRelease(limited, item, nullptr);
         }
     });
-    EXPECT_LE(maxOut.load(), 2);
-    EXPECT_EQ(pool.t.count, 0u);
-    EXPECT_LE(pool.free.length, 2u);
-    PoolFree(pool, nullptr);
+    EXPECT_EQ(std::tuple(exceeded.load(), limited.t.count), std::tuple(0, 0u));
+    EXPECT_LE(limited.free.length, 2u);
+    PoolFree(limited, nullptr);
 }
 
 }  // namespace
