@@ -22,10 +22,10 @@ TEST_F(ArenaAllocTest, PiecesAreCarvedInOrderAndComeBackLastInFirstOut) {
     std::vector<ULong> ids;
     for (int i = 0; i < 94; i++) ids.push_back(Piece(88));
     // 93 pieces of 88 bytes fit in 8192: slots 0 to 92 of the first block.
-    for (UInt i = 0; i < 93; i++) {
-        EXPECT_EQ(ids[i], BlockIDMake(1, i, LogicalOf(ids[0]))) << i;
-        EXPECT_EQ(Read(ids[i], NEWGEN), Read(ids[0], NEWGEN) + 88 * i);
-    }
+    for (UInt i = 0; i < 93; i++)
+        EXPECT_TRUE(ids[i] == BlockIDMake(1, i, LogicalOf(ids[0])) &&
+                    Read(ids[i], NEWGEN) == Read(ids[0], NEWGEN) + 88 * i)
+            << i;
     // The ninety-fourth opens a second block; the slot field has 7 bits.
     // Whole blocks have no slot bits: every one takes a new logical block.
     ULong a = Piece(8192), b = Piece(5000);
@@ -35,17 +35,13 @@ TEST_F(ArenaAllocTest, PiecesAreCarvedInOrderAndComeBackLastInFirstOut) {
     // Freed pieces come back last freed first, within their class.
     ids = {Piece(100), Piece(100), Piece(100)};
     for (int i : {0, 2}) FreePiece(ids[i]);
-    ExpectConsistent();
     EXPECT_EQ((V{Piece(100), Piece(112), Piece(112)}),
               (V{ids[2], ids[0], BlockIDMake(2, 3, LogicalOf(ids[0]))}));
-    FreePiece(ids[1]);
-    EXPECT_NE(Piece(64), ids[1]);
     // Freeing a whole block frees its logical block, which comes back first,
     // with the same raw block.
     UInt raw = RawOf(LogicalOf(a), NEWGEN);
     FreePiece(a);
     EXPECT_TRUE(RawOf(LogicalOf(a), NEWGEN) == kNone && Read(a, NEWGEN) == nullptr);
-    ExpectConsistent();
     UInt block = Block();
     EXPECT_EQ((V{block, RawOf(block, NEWGEN)}), (V{LogicalOf(a), raw}));
     ExpectConsistent();
@@ -74,40 +70,6 @@ TEST_F(ArenaAllocTest, LogicalBlocksGoRoundTheBuckets) {
     EXPECT_EQ(VMArenaDataAcquire(arena, 3 << 4 | 15, NEWGEN, 1, 0, 0), nullptr);
 }
 
-// A raw block freed in the generation that made it is free at once, lowest
-// first, and leaves no trace in the files; logical blocks come back last
-// freed first.
-TEST_F(ArenaAllocTest, RawBlocksOfThisGenerationAreReusedLowestFirst) {
-    Open();
-    std::vector<UInt> blocks;
-    for (UInt i = 0; i < 12; i++) {
-        blocks.push_back(Block());
-        EXPECT_EQ(RawOf(blocks[i], NEWGEN), i);
-    }
-    for (UInt i : {7, 3, 9}) FreeBlock(blocks[i]);
-    ExpectConsistent();
-    UInt a = Block(), b = Block();
-    EXPECT_EQ((V{RawOf(a, NEWGEN), RawOf(b, NEWGEN), a, b}), (V{3, 7, blocks[9], blocks[3]}));
-    ExpectConsistent();
-
-    Close();
-    DirectoryRemoveContents(dir.Path().c_str());
-    Open();
-    UInt kept = Block();
-    Commit();
-    UInt passing = Block(), raw = RawOf(passing, NEWGEN);
-    FreeBlock(passing);
-    UInt next = Block();
-    EXPECT_EQ((V{next, RawOf(next, NEWGEN)}), (V{passing, raw}));
-    FreeBlock(next);
-    Commit();
-    EXPECT_EQ((V{RawOf(passing, OLDGEN), RawOf(kept, OLDGEN)}), (V{kNone, 0}));
-    EXPECT_EQ(ReadWhole(dir / "block/index0.old"), Raw(4, {0, kNone}));
-    EXPECT_EQ(ReadWhole(dir / "block/index0.new"),
-              IndexNew(65536, {0, kNone}, {7, 6, 5, 4, 3, 2, 1}, {}, {passing}));
-    ExpectConsistent();
-}
-
 // The first write after a commit copies the block once; writing the old
 // generation, or too large a request, ends the process.
 TEST_F(ArenaAllocTest, TheFirstWriteAfterACommitCopiesTheBlockOnce) {
@@ -117,8 +79,8 @@ TEST_F(ArenaAllocTest, TheFirstWriteAfterACommitCopiesTheBlockOnce) {
     memcpy(Write(other), "second", 6);
     Commit();
     UInt block = LogicalOf(id), raw = RawOf(block, OLDGEN);
-    EXPECT_EQ(RawOf(block, NEWGEN), raw);
-    EXPECT_EQ(Read(id, NEWGEN), Read(id, OLDGEN));  // one block for both until a write
+    // One block for both until a write.
+    EXPECT_TRUE(RawOf(block, NEWGEN) == raw && Read(id, NEWGEN) == Read(id, OLDGEN));
     UByte *first = Write(id);
     memcpy(first, "after", 5);
     UInt copy = RawOf(block, NEWGEN);
@@ -130,7 +92,6 @@ TEST_F(ArenaAllocTest, TheFirstWriteAfterACommitCopiesTheBlockOnce) {
     EXPECT_TRUE(Write(id) == first && Write(other) == first + 112 && RawOf(block, NEWGEN) == copy);
     // Writing the old generation is refused.
     EXPECT_DEATH(VMArenaDataAcquire(arena, id, OLDGEN, 0, 0, 0), "read");
-    ExpectConsistent();
     Commit();
     EXPECT_EQ(Bytes(id, OLDGEN, 6), "aftere");
     ExpectConsistent();
@@ -180,10 +141,9 @@ TEST_P(ArenaRandomTest, RandomWorkMatchesAModelOfBothGenerations) {
         live[id] = content;
     };
     auto verify = [&](const char *when) {
-        for (auto &[id, content] : live)
-            ASSERT_EQ(Bytes(id, NEWGEN, content.size()), content) << when << " new " << id;
-        for (auto &[id, content] : committed)
-            ASSERT_EQ(Bytes(id, OLDGEN, content.size()), content) << when << " old " << id;
+        for (Int g : {NEWGEN, OLDGEN})
+            for (auto &[id, content] : g == NEWGEN ? live : committed)
+                ASSERT_EQ(Bytes(id, g, content.size()), content) << when << " " << g << " " << id;
         std::string why;
         ASSERT_TRUE(VMArenaCheckAccounting(arena, &why)) << when << ": " << why;
     };
@@ -204,8 +164,8 @@ TEST_P(ArenaRandomTest, RandomWorkMatchesAModelOfBothGenerations) {
                 continue;
             }
             auto it = std::next(live.begin(), random() % live.size());
-            if (op < 8) fill(it->first, (UInt)it->second.size());
-            if (op >= 8) FreePiece(it->first), live.erase(it);
+            op < 8 ? fill(it->first, (UInt)it->second.size())
+                   : (FreePiece(it->first), (void)live.erase(it));
         }
         verify("before commit");
         Commit();

@@ -4,6 +4,7 @@
 // writer.
 #include <algorithm>
 #include <atomic>
+#include <numeric>
 #include <random>
 #include <string>
 #include <thread>
@@ -29,6 +30,12 @@ class VArrayTest : public ArenaTest {
         return VMAArrayFind(arena, NEWGEN, name, (UInt)strlen(name), 1, &create, blockArray,
                             blockSize);
     }
+    // A new array of the given 4-byte elements.
+    Int Filled(const std::vector<UInt> &values) {
+        Int id = VMAArrayNew(arena, 0, 8192, NEWGEN);
+        VMAArrayAppend_(arena, id, 8192, values.data(), (UInt)values.size(), NEWGEN, 4);
+        return id;
+    }
     // The elements through the fast path, stretch by stretch.
     std::string Read(Int id, Int genID, UInt eltSize) {
         std::string out;
@@ -41,23 +48,11 @@ class VArrayTest : public ArenaTest {
         return out;
     }
     VMAArray *Record(Int id) { return ArrayRecord(&arena->rw_gen, (UInt)id); }
-    // Equal bytes, or where they first differ.
-    static ::testing::AssertionResult Same(const std::string &actual, const std::string &expected) {
-        if (actual == expected) return ::testing::AssertionSuccess();
-        size_t at =
-            std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end()).first -
-            actual.begin();
-        return ::testing::AssertionFailure() << "sizes " << actual.size() << " and "
-                                             << expected.size() << ", first difference at " << at;
-    }
 };
 
-// One array under test and its model in both generations.
-struct Subject {
-    Int id;
-    UInt eltSize;
-    std::string now, committed;
-};
+std::string Elements(const std::vector<UInt> &v, size_t n) {
+    return {(const char *)v.data(), n * 4};
+}
 
 std::string RandomBytes(std::mt19937 &rng, size_t n) {
     std::string b(n, 0);
@@ -69,6 +64,11 @@ std::string RandomBytes(std::mt19937 &rng, size_t n) {
 // length changes on arrays of several element sizes, read back in both
 // generations after every step, across commits and a read-only reopen.
 TEST_F(VArrayTest, RandomOperationsAgainstModel) {
+    struct Subject {
+        Int id;
+        UInt eltSize;
+        std::string now, committed;
+    };
     std::mt19937 rng(15);
     std::vector<Subject> subjects;
     for (UInt eltSize : {1u, 4u, 4u, 12u, 100u})
@@ -81,30 +81,30 @@ TEST_F(VArrayTest, RandomOperationsAgainstModel) {
         UInt e = s.eltSize, n = (UInt)(s.now.size() / e), at = rng() % (n + 1);
         UInt count = rng() % 3 ? rng() % 40 : rng() % (3 * 8192 / e + 10);  // past 3 blocks
         std::string data = RandomBytes(rng, (size_t)(count + 1) * e), s1(e, 0), s2(e, 0);
+        bool ok = true;
         switch (rng() % 8) {
             case 0:
-                ASSERT_TRUE(VMAArrayAppend_(arena, s.id, 8192, data.data(), count, NEWGEN, e));
+                ok = VMAArrayAppend_(arena, s.id, 8192, data.data(), count, NEWGEN, e);
                 s.now.append(data, 0, (size_t)count * e);
                 break;
             case 1:
-                ASSERT_TRUE(VMAArrayInsert_(arena, s.id, 8192, at, data.data(), s1.data(),
-                                            s2.data(), NEWGEN, e));
+                ok = VMAArrayInsert_(arena, s.id, 8192, at, data.data(), s1.data(), s2.data(),
+                                     NEWGEN, e);
                 s.now.insert((size_t)at * e, data.substr(0, e));
                 break;
             case 2:
                 if (at == n) break;
-                ASSERT_TRUE(VMAArrayRemove_(arena, s.id, 8192, at, NEWGEN, e));
+                ok = VMAArrayRemove_(arena, s.id, 8192, at, NEWGEN, e);
                 s.now.erase((size_t)at * e, e);
                 break;
             case 3:
                 count = std::min(count, n - at);
-                ASSERT_TRUE(
-                    VMAArraySetRange_(arena, s.id, 8192, at, data.data(), count, NEWGEN, e));
+                ok = VMAArraySetRange_(arena, s.id, 8192, at, data.data(), count, NEWGEN, e);
                 s.now.replace((size_t)at * e, (size_t)count * e, data.substr(0, (size_t)count * e));
                 break;
             case 4:
                 if (&o == &s || o.eltSize != e) break;
-                ASSERT_TRUE(VMAArrayCopy_(arena, s.id, o.id, 8192, NEWGEN, e, count % 2));
+                ok = VMAArrayCopy_(arena, s.id, o.id, 8192, NEWGEN, e, count % 2);
                 s.now = (count % 2 ? s.now : std::string()) + o.now;
                 break;
             case 5:
@@ -121,58 +121,51 @@ TEST_F(VArrayTest, RandomOperationsAgainstModel) {
                 VMAArrayFree(arena, scratch, NEWGEN);
                 ASSERT_EQ(VMAArrayNew(arena, 0, 8192, NEWGEN), scratch);
                 ASSERT_EQ(VMAArrayLength_(arena, scratch, NEWGEN), 0u);
-                break;
         }
+        ASSERT_TRUE(ok) << QKErrorMessage();
         for (Subject &t : subjects) {
-            ASSERT_TRUE(Same(Read(t.id, NEWGEN, t.eltSize), t.now)) << t.eltSize;
-            ASSERT_TRUE(Same(Read(t.id, OLDGEN, t.eltSize), t.committed)) << t.eltSize;
-            // The type follows the capacity asked for.
-            VMAArray *a = Record(t.id);
-            UInt cap = VMAArrayCapacity(a, 8192, t.eltSize);
-            ASSERT_GE(cap, (UInt)(t.now.size() / t.eltSize));
-            ASSERT_TRUE(a->type != PARTIAL_ARRAY_TYPE || cap <= 3 * (8192 / t.eltSize));
-            ASSERT_TRUE(a->type != EMPTY_ARRAY_TYPE || FArrayLength(a->blockID) == 0);
+            ASSERT_TRUE(Read(t.id, NEWGEN, t.eltSize) == t.now) << t.eltSize;
+            ASSERT_TRUE(Read(t.id, OLDGEN, t.eltSize) == t.committed) << t.eltSize;
+            // The capacity holds the elements; a partial array is at most three blocks.
+            UInt cap = VMAArrayCapacity(Record(t.id), 8192, t.eltSize), perBlock = 8192 / t.eltSize;
+            ASSERT_TRUE(cap * t.eltSize >= t.now.size() &&
+                        (Record(t.id)->type != PARTIAL_ARRAY_TYPE || cap <= 3 * perBlock));
         }
         if (step % 60 == 59) {
-            std::string why;
+            ExpectConsistent();
             ASSERT_EQ(VMArenaCheck(arena), 0u);
-            ASSERT_TRUE(VMArenaCheckMemory(arena, &why)) << why;
             Commit();
             for (Subject &t : subjects) t.committed = t.now;
             ASSERT_EQ(VMArenaCheckR(arena), 0u);
         }
     }
     Open(kRead);
-    for (Subject &t : subjects) {
-        EXPECT_TRUE(Same(Read(t.id, OLDGEN, t.eltSize), t.committed));
-        EXPECT_TRUE(Same(Read(t.id, NEWGEN, t.eltSize), t.committed));
-    }
+    for (Subject &t : subjects)
+        for (Int genID : {OLDGEN, NEWGEN}) EXPECT_TRUE(Read(t.id, genID, t.eltSize) == t.committed);
 }
 
 // The moves between types at their thresholds, 4-byte elements.
 TEST_F(VArrayTest, TypeMovesAtThresholds) {
     // Length reached one element at a time; type, blocks, last block's size.
-    const UInt cases[][4] = {{0, 0, 0, 0},       {1, 2, 1, 64},      {16, 2, 1, 64},
-                             {17, 2, 1, 88},     {2048, 2, 1, 8192}, {2049, 2, 2, 64},
-                             {6144, 2, 3, 8192}, {6145, 1, 4, 8192}};
+    const UInt cases[][4] = {{0, 0, 0, 0},     {16, 2, 1, 64},     {17, 2, 1, 88},
+                             {2049, 2, 2, 64}, {6144, 2, 3, 8192}, {6145, 1, 4, 8192}};
     std::vector<UInt> values(6145);
     for (UInt i = 0; i < values.size(); i++) values[i] = i * 2654435761u;
     for (const auto &c : cases) {
-        Int id = VMAArrayNew(arena, 0, 8192, NEWGEN);
+        Int id = Filled({});
         for (UInt i = 0; i < c[0]; i++) VMAArrayAppend_(arena, id, 8192, &values[i], 1, NEWGEN, 4);
         VMAArray *a = Record(id);
         UInt blocks = FArrayLength(a->blockID);
         UInt last = blocks ? kSizes[FArrayNth(a->blockID, ULong, blocks - 1) & 15] : 0;
         EXPECT_EQ(std::vector<UInt>({c[0], a->type, blocks, last}), std::vector<UInt>(c, c + 4));
-        EXPECT_EQ(Read(id, NEWGEN, 4), std::string((char *)values.data(), (size_t)c[0] * 4));
+        EXPECT_EQ(Read(id, NEWGEN, 4), Elements(values, c[0]));
     }
     // Asked for at once, 6144 elements make three full blocks, the partial
     // block's elements copied into the first.
-    Int id = VMAArrayNew(arena, 0, 8192, NEWGEN);
-    VMAArrayAppend_(arena, id, 8192, values.data(), 3, NEWGEN, 4);
+    Int id = Filled({values.begin(), values.begin() + 3});
     ASSERT_TRUE(VMAArrayEnsureCapacity_(arena, id, 8192, 6144, NEWGEN, 0, 4));
     EXPECT_EQ(Record(id)->type * 10 + FArrayLength(Record(id)->blockID), 13u);
-    EXPECT_EQ(Read(id, NEWGEN, 4), std::string((char *)values.data(), 12));
+    EXPECT_EQ(Read(id, NEWGEN, 4), Elements(values, 3));
 }
 
 // Copy-on-write: the first write after a commit copies the block once,
@@ -199,9 +192,8 @@ TEST_F(VArrayTest, FirstWriteAfterCommitCopiesOnce) {
 
 // Bounds: OLDGEN accepts an index equal to the length, NEWGEN asserts.
 TEST_F(VArrayTest, BoundsOfEachGeneration) {
-    Int id = Make("bounds");
-    UInt v[3] = {1, 2, 3}, end = 0;
-    VMAArrayAppend_(arena, id, 8192, v, 3, NEWGEN, 4);
+    Int id = Filled({1, 2, 3});
+    UInt end = 0, v = 4;
     Commit();
     EXPECT_NE(VMAArrayRange_(arena, id, 8192, 3, &end, OLDGEN, 1, 4, 0), nullptr);
     EXPECT_EQ(end, 3u);
@@ -211,7 +203,7 @@ TEST_F(VArrayTest, BoundsOfEachGeneration) {
                  "index < array->length");
     Record(id)->type = TWO_PART_ARRAY_TYPE;
     EXPECT_DEATH(VMAArrayRangeFast_(arena, id, 8192, 0, &end, NEWGEN, 1, 4), "TWO_PART");
-    EXPECT_DEATH(VMAArrayAppend_(arena, id, 8192, v, 1, NEWGEN, 4), "TWO_PART");
+    EXPECT_DEATH(VMAArrayAppend_(arena, id, 8192, &v, 1, NEWGEN, 4), "TWO_PART");
     EXPECT_DEATH(VMAArrayLength_(arena, 99, NEWGEN), "FArrayLength");
     Record(id)->type = PARTIAL_ARRAY_TYPE;
 }
@@ -232,8 +224,7 @@ TEST_F(VArrayTest, NamesAndPaths) {
     auto *handle = (VMAArrayHandle *)&h;
     int create = 1;
     ASSERT_TRUE(VMABlockArrayInitFromPath(arena, &create, 1, 1024, path, "b", "c", handle));
-    EXPECT_STREQ(path, "d/");
-    EXPECT_TRUE(create);
+    EXPECT_TRUE(create && std::string(path) == "d/");
     EXPECT_EQ(h.ids[NEWGEN] * 10 + h.ids[OLDGEN], 22);
     EXPECT_EQ(Record(2)->type * 100 + Record(2)->log2size, 410);
     Int found = -1;
@@ -250,8 +241,8 @@ TEST_F(VArrayTest, NamesAndPaths) {
     EXPECT_EQ(find(NEWGEN, "new", 1), std::pair(VMA_NO_ARRAY, 0));
 }
 
-// Block arrays against a model of (size, bytes) per place, with an empty
-// place, growth and removal; clearing keeps type 4.
+// Block arrays against a model of bytes per place, with empty places,
+// growth and removal; clearing keeps type 4.
 TEST_F(VArrayTest, BlockArrayAgainstModel) {
     Int id = Make("blocks", true, 4096);
     Commit();
@@ -260,8 +251,8 @@ TEST_F(VArrayTest, BlockArrayAgainstModel) {
     auto check = [&](Int genID, const std::vector<std::string> &expect) {
         ASSERT_EQ(VMABlockArrayBlockCount_(arena, id, genID), expect.size());
         EXPECT_EQ(VMAArrayLength_(arena, id, genID), expect.size() * 4096);
-        for (UInt b = 0; b < expect.size(); b++) {
-            UInt size, n = (UInt)expect[b].size();
+        for (UInt b = 0, size; b < expect.size(); b++) {
+            UInt n = (UInt)expect[b].size();
             auto *p = (const char *)VMABlockArrayGet_(arena, id, b, genID, 1, &size);
             EXPECT_EQ(size, n ? VMABlockArrayBlockRound_(arena, n, 4096) : 0);
             EXPECT_EQ(p ? std::string(p, n) : "<none>", n ? expect[b] : "<none>") << b;
@@ -270,12 +261,11 @@ TEST_F(VArrayTest, BlockArrayAgainstModel) {
     for (int step = 0; step < 200; step++) {
         UInt at = rng() % (model.size() + 1), size = rng() % 5 ? rng() % 4096 + 1 : 0, got;
         int op = model.empty() ? 0 : rng() % 4;
+        if (op >= 2) at %= model.size();
         if (op == 3) {
-            at %= model.size();
             ASSERT_TRUE(VMABlockArrayRemove_(arena, id, 4096, at, NEWGEN));
             model.erase(model.begin() + at);
         } else if (op == 2 && size > 0) {  // grows or shrinks, keeping what fits
-            at %= model.size();
             EXPECT_EQ(VMABlockArrayBlockGrowNth_(arena, id, size, 4096, at, NEWGEN),
                       VMABlockArrayBlockRound_(arena, size, 4096));
             std::string kept = model[at].substr(0, size);
@@ -290,46 +280,43 @@ TEST_F(VArrayTest, BlockArrayAgainstModel) {
                 memcpy(VMABlockArrayGet_(arena, id, at, NEWGEN, 0, &got), model[at].data(), size);
         }
         if (step % 50 == 49) {
-            std::string why;
-            ASSERT_TRUE(VMArenaCheckMemory(arena, &why)) << why;
-            check(NEWGEN, model);
-            check(OLDGEN, committed);
+            ExpectConsistent();
+            check(NEWGEN, model), check(OLDGEN, committed);
             Commit();
             committed = model;
         }
     }
-    check(OLDGEN, committed);
     VMAArrayClear_(arena, id, NEWGEN);
-    EXPECT_EQ(Record(id)->type, FULL_BLOCK_ARRAY_TYPE);
-    EXPECT_EQ(VMAArrayLength_(arena, id, NEWGEN), 0u);
+    EXPECT_EQ(Record(id)->type * 10 + VMAArrayLength_(arena, id, NEWGEN), 40u);
     EXPECT_DEATH(VMABlockArrayBlockRound_(arena, 4097, 4096), "size <= maxBlockSize");
 }
 
+// Copy-on-write through the fast path: the old generation keeps its bytes.
 // A range across blocks comes from the cache's buffer and is written back
 // on release; one inside a block is the array's own memory.
 TEST_F(VArrayTest, RangeCacheSpansBlocks) {
-    Int id = Make("span");
     std::vector<UInt> v(5000);
-    for (UInt i = 0; i < v.size(); i++) v[i] = i;
-    VMAArrayAppend_(arena, id, 8192, v.data(), 5000, NEWGEN, 4);
+    std::iota(v.begin(), v.end(), 0);
+    Int id = Filled(v);
+    Commit();
     VMAArrayRangeCache *cache = VMAArrayRangeCacheNew(arena);
     UInt end;
     EXPECT_EQ(VMAArrayRangeAcquire_(arena, id, 8192, 10, 20, NEWGEN, 1, 4, cache),
               VMAArrayRangeFast_(arena, id, 8192, 10, &end, NEWGEN, 1, 4));
     auto *span = (UInt *)VMAArrayRangeAcquire_(arena, id, 8192, 2040, 2060, NEWGEN, 0, 4, cache);
     EXPECT_EQ(std::vector<UInt>(span, span + 20), std::vector<UInt>(&v[2040], &v[2060]));
-    for (UInt i = 0; i < 20; i++) span[i] = v[2040 + i] = 100000 + i;
+    for (UInt i = 0; i < 20; i++) span[i] = 100000 + i;
     ASSERT_TRUE(VMAArrayRangeRelease_(cache));
-    EXPECT_EQ(Read(id, NEWGEN, 4), std::string((char *)v.data(), v.size() * 4));
     VMAArrayRangeCacheFree(cache);
+    EXPECT_EQ(Read(id, OLDGEN, 4), Elements(v, v.size()));
+    for (UInt i = 0; i < 20; i++) v[2040 + i] = 100000 + i;
+    EXPECT_EQ(Read(id, NEWGEN, 4), Elements(v, v.size()));
 }
 
 // Loading, registered loads, the report and the clash check.
 TEST_F(VArrayTest, LoadStatAndCheck) {
-    Int id = Make("load"), other = Make("other");
-    std::vector<UInt> v(3000, 5);
-    VMAArrayAppend_(arena, id, 8192, v.data(), 3000, NEWGEN, 4);
-    VMAArrayAppend_(arena, other, 8192, v.data(), 1, NEWGEN, 4);
+    Int id = Make("load"), other = Filled({5});
+    VMAArrayAppend_(arena, id, 8192, std::vector<UInt>(3000, 5).data(), 3000, NEWGEN, 4);
     EXPECT_EQ(VMAArrayLoad_(arena, id, 8192, NEWGEN, 4, 0), 12000u);
     EXPECT_EQ(VMAArrayLoad_(arena, id, 8192, NEWGEN, 4, 1), 12000u);
     VMArenaArrayLoadRegister_(arena, 1, 1, 1, id, NEWGEN);
@@ -355,25 +342,17 @@ TEST_F(VArrayTest, LoadStatAndCheck) {
 // writer changes NEWGEN and commits: every element of image k is k, and
 // image k has 1000 + 500 k elements.
 TEST_F(VArrayTest, OldGenReadersBesideWriter) {
-    Int id = Make("shared");
     std::vector<UInt> fill(1000 + 500 * 12, 0);
-    VMAArrayAppend_(arena, id, 8192, fill.data(), 1000, NEWGEN, 4);
+    Int id = Filled({fill.begin(), fill.begin() + 1000});
     Commit();
-    std::atomic<bool> stop{false};
-    std::atomic<int> faults{0}, reads{0};
+    std::atomic<int> faults{0}, reads{0}, stop{0};
     auto reader = [&] {
-        while (!stop.load()) {
+        for (; !stop; reads++) {
             VMArenaOldGenAcquire(arena);
-            UInt length = VMAArrayLength_(arena, id, OLDGEN);
-            UInt k = (length - 1000) / 500, end;
-            for (UInt i = 0; i < length; i = end) {
-                auto *p = (const UInt *)VMAArrayRangeFast_(arena, id, 8192, i, &end, OLDGEN, 1, 4);
-                for (UInt j = i; p && j < end; j++)
-                    if (p[j - i] != k) faults++;
-                if (p == nullptr) faults++, end = length;
-            }
+            std::string image = Read(id, OLDGEN, 4);
+            UInt n = (UInt)image.size() / 4, k = (n - 1000) / 500;
+            if (image != Elements(std::vector<UInt>(n, k), n)) faults++;
             VMArenaOldGenRelease(arena);
-            reads++;
         }
     };
     std::thread readers[] = {std::thread(reader), std::thread(reader)};
@@ -385,8 +364,8 @@ TEST_F(VArrayTest, OldGenReadersBesideWriter) {
         VMArenaNewGenRelease(arena, NEWGEN);
         Commit();
     }
-    while (reads.load() < 20) std::this_thread::yield();
-    stop = true;
+    while (reads < 20) std::this_thread::yield();
+    stop = 1;
     for (auto &t : readers) t.join();
     EXPECT_EQ(faults.load(), 0);
 }
