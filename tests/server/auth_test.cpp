@@ -106,7 +106,6 @@ class ServerAuthTest : public ::testing::Test {
   protected:
     Key key_ = MakeKey("server key", 10);  // outlives the server, which keeps it
     TestServer server_{{}, {.http = 0, .key = key_.get()}};
-    const std::string pid_ = std::to_string(getpid());
 };
 
 // The handshake by hand: "auth C1" is answered "C1 R1 C2", obfuscated from
@@ -139,8 +138,7 @@ TEST_F(ServerAuthTest, HandshakeByteForByte) {
         if (c.response != 1) continue;
         // Commands and replies go on obfuscated.
         client.Send(out.Apply("pid\n"));
-        std::string expected = Nul("! " + pid_ + "\n" + pid_ + "\n"),
-                    raw = client.Read(expected.size());
+        std::string expected = kPidReply, raw = client.Read(expected.size());
         EXPECT_NE(raw, expected);
         EXPECT_EQ(in.Apply(raw), expected);
     }
@@ -153,9 +151,9 @@ TEST_F(ServerAuthTest, LibraryClientsAndProcessCommands) {
     RawClient client(server_.port);
     client.Send("auth\n");
     EXPECT_EQ(client.ReadThrough('\0'), Nul("? 2 illegal argument: missing challenge\n"));
-    Key wrong = MakeKey("not the key", 11);
-    EXPECT_EQ(Request(server_.port, key_.get(), "pid"), pid_ + "|" + pid_ + "\n");
-    EXPECT_EQ(Request(server_.port, wrong.get(), "pid"), "invalid response to the challenge sent");
+    EXPECT_EQ(Request(server_.port, key_.get(), "pid"), kPid + "|" + kPid + "\n");
+    EXPECT_EQ(Request(server_.port, MakeKey("not the key", 11).get(), "pid"),
+              "invalid response to the challenge sent");
     EXPECT_EQ(Request(server_.port, QK_AUTH_PROCESS_KEY, "pid"), "no authentication key");
     EXPECT_EQ(Request(0, key_.get(), "pid"), "the channel is not connected");
 

@@ -38,11 +38,11 @@ int Headers(QKClient *client, void *) {
     };
     for (UInt i = 0; i < QKClientHeaderNum(client); i++)
         add(QKClientHeaderName(client, i), QKClientHeaderValue(client, i));
-    const char *host, *value = QKClientHeader(client, "X-TEST");
+    const char *host;
     UInt port;
     if (QKClientHost(client, &host, &port))
         add("host", (host + (":" + std::to_string(port))).c_str());
-    add("x-test", value ? value : "(none)");
+    add("x-test", QKClientHeader(client, "X-TEST"));
     add("cookies", QKClientCookies(client));
     add("basic", QKClientAuthorization(client));
     add("agent", QKClientName(client));
@@ -134,11 +134,6 @@ class HttpTest : public ::testing::Test {
         EXPECT_TRUE(client.AtEnd()) << requests;
         return replies;
     }
-    // The body of a reply on HTTP/1.0.
-    std::string Body(const std::string &target, const std::string &head = "") {
-        std::string reply = Replies("GET " + target + " HTTP/1.0\r\n" + head + "\r\n", 1)[0];
-        return reply.substr(reply.find("\r\n\r\n") + 4);
-    }
 
     TestServer server_{Pointers(commands)};
 };
@@ -164,9 +159,7 @@ TEST_F(HttpTest, RepliesByteForByte) {
         {"GET /stream\r\n", {"abcde"}},
         // Errors before the version are answered as 1.0, and close.
         {"GET hello HTTP/1.1\r\n\r\n", {Held(earlyError, kClose, "invalid path")}},
-        {"GET * HTTP/1.1\r\n\r\n", {Held(earlyError, kClose, "invalid path")}},
         {"GET /hello HTTP/2.0\r\n\r\n", {Held(earlyError, kClose, "illegal protocol version")}},
-        {"GET\n", {Held(earlyError, kClose, "invalid path")}},  // a method word alone
         {"HEAD /hello HTTP/1.1\r\n\r\n", {Held(earlyError, kClose, "command not supported")}},
         {"PUT /hello HTTP/1.1\r\n\r\n",
          {Held("501 Not Implemented", kClose, "Method not supported")}},
@@ -228,7 +221,7 @@ TEST_F(HttpTest, BodiesOn10) {
          "cookies=c=1;basic=dXNlcg==;agent=Mozilla/5.0 (compatible; MSIE 6.0);features=11111"},
         {"/headers", "host: plain\r\nUser-Agent: MSIE 3.0\r\nAuthorization: Digest x\r\n",
          "host=plain;User-Agent=MSIE 3.0;Authorization=Digest x;host=plain:80;"
-         "x-test=(none);agent=MSIE 3.0;features=11110"},
+         "agent=MSIE 3.0;features=11110"},
         {"/headers", "X-Test: caf\xe9\r\nHost:\r\n",
          "X-Test=caf\xc3\xa9;Host=;x-test=caf\xc3\xa9;features=00000"},
         // Script arguments are decoded: UTF-8 when the whole is UTF-8, else
@@ -251,7 +244,7 @@ TEST_F(HttpTest, BodiesOn10) {
          "aZ0%20%3c%3e%26%22%27%24~%2f%e9|aZ0 &lt;&gt;&amp;&quot;'$~/\xe9\xac|"
          "aZ0 &lt;&gt;&amp;&quot;&apos;$$~/\xe9\xac|"},
     };
-    for (const auto &c : cases) EXPECT_EQ(Body(c.target, c.head), c.body) << c.target;
+    for (const auto &c : cases) EXPECT_EQ(Get(server_.port, c.target, c.head), c.body) << c.target;
 }
 
 }  // namespace

@@ -67,7 +67,6 @@ TEST_F(QkdTest, NativeCommandsAndHttp) {
                 {QKCMD_PATH " 127.0.0.1:1 version", "qkcmd: 127.0.0.1:1: .*\nstatus 2\n"},
                 {QKCMD_PATH " 127.0.0.1:1", "usage: .*\nstatus 2\n"},
                 {QKD_PATH " --port 70000", "usage: .*\nstatus 2\n"},
-                {QKD_PATH " --bogus", "usage: .*\nstatus 2\n"},
                 {curl + "--http1.0 $url/fp?text=hello",
                  "HTTP/1.1 200 OK\r\n(.*\r\n)*Content-Type: text/plain;charset=utf-8\r\n(.*\r\n)*"
                  "Connection: close\r\n(.*\r\n)*\r\n" +

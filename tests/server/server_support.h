@@ -8,10 +8,8 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -29,6 +27,12 @@ inline const auto Nul = [](const std::string &text) { return text + std::string(
 inline std::string Text(const ByteArray &array) {
     return std::string((const char *)array.data, array.length);
 }
+
+// This process's id as text; the native reply of "pid", and the one to
+// an unknown command.
+inline const std::string kPid = std::to_string(getpid()),
+                         kPidReply = Nul("! " + kPid + "\n" + kPid + "\n"),
+                         kIllegal = Nul("? 1 illegal command\n");
 
 // A command record: native when its name is a word, else for HTTP.
 inline QKServerCommand Command(const char *name, QKServerCommandFunction function,
@@ -144,6 +148,15 @@ struct RawClient {
 
     int fd_;
 };
+
+// The body of the reply to a GET on HTTP/1.0 with the `head` lines;
+// nothing when the connection closed without a reply.
+inline std::string Get(UShort port, const std::string &target, const std::string &head = "") {
+    RawClient client(port);
+    client.Send("GET " + target + " HTTP/1.0\r\n" + head + "\r\n");
+    std::string reply = client.ReadThrough();
+    return reply.empty() ? "" : reply.substr(reply.find("\r\n\r\n") + 4);
+}
 
 // True once `ready` is, polled every 10 milliseconds for at most `limit`.
 template <typename Ready>

@@ -10,31 +10,17 @@ namespace {
 
 // Answers its user data; or waits at the gate given as user data, then
 // answers "slow".
-int Say(QKClient *client, void *text) {
-    return Answer(client, (const char *)text);
-}
-
-int Slow(QKClient *client, void *gate) {
-    static_cast<Gate *>(gate)->Pass();
-    return Answer(client, "slow");
-}
+const auto Say = [](QKClient *client, void *text) { return Answer(client, (const char *)text); };
+const auto Slow = [](QKClient *client, void *gate) {
+    return static_cast<Gate *>(gate)->Pass(), Answer(client, "slow");
+};
 
 QKServerCommand helloCommand = Command("/hello", Say, (void *)"hello"),
                 nativeHello = Command("hello", Say, (void *)"hello");
 
-// The body of the reply to a GET on HTTP/1.0; nothing when the connection
-// closed without a reply.
-std::string Get(UShort port, const std::string &target) {
-    RawClient client(port);
-    client.Send("GET " + target + " HTTP/1.0\r\n\r\n");
-    std::string reply = client.ReadThrough();
-    return reply.empty() ? "" : reply.substr(reply.find("\r\n\r\n") + 4);
-}
-
 UInt Threads(const TestServer &server, UInt *maxThreads = nullptr) {
     UInt threads = 0;
-    QKServerStatus(server.handle, &threads, maxThreads);
-    return threads;
+    return QKServerStatus(server.handle, &threads, maxThreads), threads;
 }
 
 // One worker serves, one waits in the accept: the connection before has
@@ -62,20 +48,17 @@ TEST(WorkersTest, ShortConnectionsInARowReuseTheWorkers) {
 // end after one second of waiting, all but the one reserved for the next
 // accept.
 TEST(WorkersTest, LiveConnectionsEachHaveAWorkerAndIdleOnesLingerThenEnd) {
-    TestServer server({&nativeHello}, {.threadLinger = 1});
+    TestServer server({&nativeHello, &helloCommand}, {.threadLinger = 1});
     {
         std::deque<RawClient> clients;
         for (int i = 0; i < 6; i++) {
             clients.emplace_back(server.port).Send("hello\n");
             ASSERT_EQ(clients.back().ReadThrough('\0'), Nul("!\nhello"));
         }
-        EXPECT_GE(Threads(server), 6u);
-        EXPECT_LE(Threads(server), 7u);
+        EXPECT_TRUE(Threads(server) >= 6 && Threads(server) <= 7) << Threads(server);
     }
     EXPECT_TRUE(Eventually([&] { return Threads(server) == 1; }, 20000));
-    RawClient client(server.port);
-    client.Send("hello\n");
-    EXPECT_EQ(client.ReadThrough('\0'), Nul("!\nhello"));
+    EXPECT_EQ(Get(server.port, "/hello"), "hello");
 }
 
 // A stopping server wakes and closes a connection that waits for a
@@ -111,9 +94,7 @@ TEST(WorkersTest, RequestsBeyondMaxActiveAreRefused) {
     native.Send("hello\n");
     EXPECT_EQ(native.ReadThrough(), "");
     unknown.Send("nosuch\npid\n");
-    const std::string pid = std::to_string(getpid()),
-                      answers = Nul("? 1 illegal command\n") + Nul("! " + pid + "\n" + pid + "\n");
-    EXPECT_EQ(unknown.Read(answers.size()), answers);
+    EXPECT_EQ(unknown.Read(kIllegal.size() + kPidReply.size()), kIllegal + kPidReply);
     gate.open.count_down();
     EXPECT_NE(first.ReadThrough().find("\r\n\r\nslow"), std::string::npos);
     EXPECT_TRUE(Eventually([&] { return Get(server.port, "/hello") == "hello"; }, 2000));
@@ -142,19 +123,17 @@ TEST(CommandTableTest, DeletionWaitsForTheRequestsAndAddReplaces) {
     };
     EXPECT_TRUE(Eventually(gone, 10000));
     other.Send("slow\n");
-    EXPECT_EQ(other.ReadThrough('\0'), Nul("? 1 illegal command\n"));
+    EXPECT_EQ(other.ReadThrough('\0'), kIllegal);
     EXPECT_EQ(deleted.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
     gate.open.count_down();
     EXPECT_EQ(deleted.get(), &slow);
     EXPECT_EQ(first.ReadThrough('\0'), Nul("!\nslow"));
     EXPECT_EQ(QKServerCommandDelete(server.handle, "slow", PROTOCOL_NATIVE), nullptr);
-    const struct {
-        QKServerCommand *record, *old;
-    } cases[] = {{&again, nullptr}, {&newer, &again}, {&http, &helloCommand}};
-    for (const auto &c : cases) {
+    for (auto [record, expected] : {std::pair(&again, (QKServerCommand *)nullptr),
+                                    {&newer, &again},
+                                    {&http, &helloCommand}}) {
         QKServerCommand *old = &slow;
-        EXPECT_EQ(QKServerCommandAdd(server.handle, c.record, &old), 1);
-        EXPECT_EQ(old, c.old) << c.record->name;
+        EXPECT_TRUE(QKServerCommandAdd(server.handle, record, &old) && old == expected);
     }
     other.Send("slow\n");
     EXPECT_EQ(other.ReadThrough('\0'), Nul("!\nnewer"));
@@ -195,8 +174,7 @@ TEST(ServerSetupTest, RecordsPortsAndWhatIsTurnedOff) {
     // Without builtins or HTTP, their words are unknown commands.
     RawClient client(running.port);
     client.Send("pid\nGET / HTTP/1.0\nhelp\n");
-    const std::string illegal = Nul("? 1 illegal command\n");
-    EXPECT_EQ(client.Read(3 * illegal.size()), illegal + illegal + illegal);
+    EXPECT_EQ(client.Read(3 * kIllegal.size()), kIllegal + kIllegal + kIllegal);
 }
 
 }  // namespace
