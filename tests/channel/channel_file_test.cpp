@@ -5,11 +5,9 @@
 
 namespace {
 
-class FileTest : public ChannelTest {};
-
 // What is buffered decides what the model allows: a write only when nothing
 // read is buffered, a read only when nothing written is.
-TEST_F(FileTest, MatchesAModelOfTheFile) {
+TEST_F(ChannelTest, MatchesAModelOfTheFile) {
     const std::string path = dir_ / "model";
     std::string model = Random(2 * CHANNEL_BUFFER_SIZE, 1);
     WriteWhole(path, model);
@@ -28,8 +26,7 @@ TEST_F(FileTest, MatchesAModelOfTheFile) {
             pos = offset >= 0 ? (size_t)offset : model.size() + offset;
             buffered = kNone;
         } else if (op == 1) {
-            ASSERT_EQ(ChannelFileTell(channel, &offset), 1);
-            EXPECT_EQ(offset, (Long)pos) << step;
+            ASSERT_TRUE(ChannelFileTell(channel, &offset) && offset == (Long)pos) << step;
             if (buffered == kWriting) buffered = kNone;
         } else if (op == 2 && buffered != kWriting) {
             const std::string expected = pos < model.size() ? model.substr(pos, n) : "";
@@ -61,14 +58,11 @@ TEST_F(FileTest, MatchesAModelOfTheFile) {
     ASSERT_EQ(ChannelClose(channel), 1);
 }
 
-TEST_F(FileTest, OpenFailures) {
+TEST_F(ChannelTest, OpenFailures) {
     const std::string path = dir_ / "g", missing = "0 2,0: No such file or directory",
                       invalid = "0 22,0: Invalid argument";
-    const struct {
-        std::string path;
-        const char *mode;
-        std::string outcome;
-    } cases[] = {
+    const std::tuple<std::string, const char *, std::string> cases[] = {
+        // path, mode, outcome
         // clang-format off
         {path, "r", missing}, {dir_ / "no/dir/f", "w", missing}, {path, "", invalid},
         {path, "rw", invalid}, {path, "x", invalid}, {path, "R", invalid}, {path, "w+", invalid},
@@ -77,9 +71,9 @@ TEST_F(FileTest, OpenFailures) {
         // clang-format on
     };
     Channel *channel = ChannelNew(-1, -1);
-    for (const auto &c : cases) {
+    for (const auto &[file, mode, outcome] : cases) {
         QKErrorClear();
-        EXPECT_EQ(Outcome(ChannelOpenFile(channel, c.path.c_str(), c.mode)), c.outcome) << c.mode;
+        EXPECT_EQ(Outcome(ChannelOpenFile(channel, file.c_str(), mode)), outcome) << mode;
     }
     EXPECT_FALSE(FileExists(path.c_str()));
     // A UCS2 path goes as UTF-8, and a zero unit in it is refused.

@@ -15,16 +15,15 @@
 
 namespace {
 
-class ServerTest : public ChannelTest {
-  protected:
-    // The mode of the socket file `name`: 0 when there is none, 1 for a file
-    // of another kind.
-    mode_t ModeOf(const char *name) {
-        struct stat status;
-        if (lstat((dir_ / name).c_str(), &status) != 0) return 0;
-        return S_ISSOCK(status.st_mode) ? status.st_mode & 07777 : 1;
-    }
-};
+using ServerTest = ChannelTest;
+
+// The mode of the socket file at `path`: 0 when there is none, 1 for a file
+// of another kind.
+mode_t ModeOf(const std::string &path) {
+    struct stat status;
+    if (lstat(path.c_str(), &status) != 0) return 0;
+    return S_ISSOCK(status.st_mode) ? status.st_mode & 07777 : 1;
+}
 
 TCPAddr LocalName(const char *name, UShort port) {
     TCPAddr addr = {{}, port};
@@ -46,20 +45,17 @@ TEST_F(ServerTest, FailuresToListenAndToConnectAndThePortRange) {
     TCPServer *server = TCPServerOpen(addr);
     ASSERT_TRUE(server && TCPServerGetAddr(server, &addr)) << ErrorText();  // the port chosen
     (v6 = addr).ip.family = QK_FAMILY_IPV6;
-    EXPECT_EQ(TCPServerOpen(addr), nullptr);
-    EXPECT_EQ(errno, -1);
+    EXPECT_TRUE(TCPServerOpen(addr) == nullptr && errno == -1);
     EXPECT_EQ(ErrorText(), "98,1: Address already in use");
     Channel *channel = ChannelNew(-1, -1), *client = ChannelNew(-1, -1);
-    for (int connect : {0, 1}) {  // only IPv4 listens and connects
+    for (int connect : {0, 1})  // only IPv4 listens and connects
         EXPECT_EQ(Outcome(connect ? ChannelConnect(channel, v6) : !!TCPServerOpen(v6)),
                   "0 97,1: Address family not supported by protocol");
-    }
     ASSERT_TRUE(ChannelConnect(client, addr) && TCPServerAccept(server, channel)) << ErrorText();
-    EXPECT_EQ(ChannelClose(channel), 1);
-    EXPECT_EQ(ChannelReadByte(client), -1);
+    EXPECT_TRUE(ChannelClose(channel) && ChannelReadByte(client) == -1);
     EXPECT_TRUE(ChannelClose(client) && TCPServerClose(server) && TCPServerClose(nullptr));
     for (Int limit : {-1, 2}) {
-        channel = ChannelNewEx(-1, -1, limit);
+        channel = ChannelNewEx(-1, -1, limit);  // with and without a connect limit
         EXPECT_EQ(Outcome(ChannelConnect(channel, addr)), "0 111,1: Connection refused") << limit;
         EXPECT_EQ(ChannelClose(channel), 1);
     }
@@ -76,8 +72,7 @@ TEST_F(ServerTest, FailuresToListenAndToConnectAndThePortRange) {
         ChannelSetOutboundPortRange(each, spare.port, spare.port);
         errno = 0;
         ASSERT_TRUE(ChannelConnect(each, addr) && ChannelGetAddr(each, &local, 0));
-        EXPECT_EQ(errno, 0);
-        EXPECT_EQ(local.port == spare.port, each == channels[0]);
+        EXPECT_TRUE(errno == 0 && (local.port == spare.port) == (each == channels[0]));
     }
     EXPECT_EQ(messages, std::vector<std::string>{"3:could not bind to any port in range [%u,%u]"});
     EXPECT_DEATH(ChannelSetOutboundPortRange(channels[0], 10, 9), "min <= max");
@@ -99,7 +94,7 @@ TEST_F(ServerTest, LocalSocketFilesAndRefusals) {
     TCPAddr back;
     ASSERT_TRUE(server && TCPServerGetAddr(server, &back) && IPAddrEquals(back.ip, addr.ip) &&
                 back.port == 7);
-    EXPECT_EQ(ModeOf("qk.test.echo.7"), 0600u);
+    EXPECT_EQ(ModeOf(path), 0600u);
     Channel *client = ChannelNew(30, 0), *served = ChannelNew(5000, 5000);
     ASSERT_TRUE(ChannelConnect(client, addr) && TCPServerAccept(server, served)) << ErrorText();
     for (Channel *end : {client, served})  // no sockets to the rest of the library
@@ -120,20 +115,19 @@ TEST_F(ServerTest, LocalSocketFilesAndRefusals) {
               "0 0,2: ChannelFileSeek: the Channel is not a file");
     EXPECT_EQ(Outcome(!ChannelFileSeek(client, 0) && !ChannelFileTruncate(client, 0)),
               "1 0,2: ChannelFileTruncate: the Channel is not a file");
-    EXPECT_EQ(TCPServerClose(server), 1);
-    EXPECT_EQ(ModeOf("qk.test.echo.7"), 0u) << "the socket file stays after close";
+    EXPECT_TRUE(TCPServerClose(server) && ModeOf(path) == 0) << "the socket file stays after close";
     // Another mode for the sockets made from now on, then the default again.
     const UInt groupMode = 0660;
     for (const UInt *mode : {&groupMode, (const UInt *)nullptr}) {
         QKSetNamedPipeSecurityDescriptor(mode);
         ASSERT_NE(server = TCPServerOpen(addr), nullptr) << ErrorText();
-        EXPECT_EQ(ModeOf("qk.test.echo.7"), mode ? 0660u : 0600u);
-        EXPECT_EQ(TCPServerClose(server), 1);
+        EXPECT_TRUE(ModeOf(path) == (mode ? 0660u : 0600u) && TCPServerClose(server));
     }
     EXPECT_EQ(Outcome(ChannelConnect(client, LocalName("nobody", 1))),
               "0 2,1: No such file or directory");
-    EXPECT_EQ(ChannelConnectNamedPipeWithFlags(client, TCPAddrLocal(QK_FAMILY_IPV4, 80), 0), 0);
-    EXPECT_EQ(errno, EINVAL);  // the named-pipe form takes local addresses only
+    // The named-pipe form takes local addresses only.
+    EXPECT_TRUE(!ChannelConnectNamedPipeWithFlags(client, TCPAddrLocal(QK_FAMILY_IPV4, 80), 0) &&
+                errno == EINVAL);
     std::string deep = dir_ / (std::string(60, 'd') + "/" + std::string(60, 'e'));
     ASSERT_EQ(DirectoryCreate(nullptr, deep.c_str(), 1), 1) << ErrorText();
     setenv("QK_SOCKET_DIR", deep.c_str(), 1);
@@ -175,13 +169,12 @@ TEST_F(ServerTest, BusyAndStaleLocalServers) {
     const std::string path = dir_ / "qk.test.busy.9";
     TCPServer *first = TCPServerOpen(addr);
     const long before = OpenDescriptors();
-    EXPECT_EQ(TCPServerOpen(addr), nullptr);
-    EXPECT_EQ(ErrorText(), "16,0: local socket \"" + path +
-                               "\" is in use by another server: Device or resource busy");
+    EXPECT_EQ(Outcome(!!TCPServerOpen(addr)),
+              "0 16,0: local socket \"" + path +
+                  "\" is in use by another server: Device or resource busy");
     EXPECT_EQ(OpenDescriptors(), before);
-    EXPECT_EQ(ModeOf("qk.test.busy.9"), 0600u);  // still the first one's
-    EXPECT_EQ(TCPServerClose(first), 1);
-    ASSERT_EQ(mknod(path.c_str(), S_IFSOCK | 0755, 0), 0);  // a dead server's socket file
+    EXPECT_TRUE(ModeOf(path) == 0600u && TCPServerClose(first));  // still the first one's
+    ASSERT_EQ(mknod(path.c_str(), S_IFSOCK | 0755, 0), 0);        // a dead server's socket file
     for (const char *other : {(const char *)nullptr, "not a socket"}) {
         if (other) WriteWhole(path, other);
         const long count = OpenDescriptors();
@@ -191,8 +184,7 @@ TEST_F(ServerTest, BusyAndStaleLocalServers) {
             EXPECT_TRUE(ReadWhole(path) == other && OpenDescriptors() == count);
             EXPECT_TRUE(!unlink(path.c_str()) && (server = TCPServerOpen(addr)));
         }
-        EXPECT_EQ(ModeOf("qk.test.busy.9"), 0600u);
-        EXPECT_EQ(TCPServerClose(server), 1);
+        EXPECT_TRUE(ModeOf(path) == 0600u && TCPServerClose(server));
     }
 }
 
@@ -203,16 +195,13 @@ TEST_F(ServerTest, SelectPrefersBufferedData) {
     second.Send("r");
     first.Send("xy");
     ASSERT_EQ(ChannelReadByte(first.channel), 'x');
-    EXPECT_EQ(ChannelSelect(channels, 3, 0), 2);
-    EXPECT_EQ(ChannelReadByte(first.channel), 'y');
+    EXPECT_TRUE(ChannelSelect(channels, 3, 0) == 2 && ChannelReadByte(first.channel) == 'y');
     // Without buffered bytes the ready socket answers.
-    EXPECT_EQ(ChannelSelect(channels, 3, 0), 0);
-    EXPECT_EQ(ChannelReadByte(second.channel), 'r');
+    EXPECT_TRUE(ChannelSelect(channels, 3, 0) == 0 && ChannelReadByte(second.channel) == 'r');
     EXPECT_EQ(Outcome(ChannelSelect(channels, 3, 20)), "-1 2,2: timeout");  // nothing anywhere
     // A peer that goes away makes its channel ready.
     first.Leave();
-    EXPECT_EQ(ChannelSelect(channels, 3, -1), 2);
-    EXPECT_EQ(ChannelReadByte(first.channel), -1);
+    EXPECT_TRUE(ChannelSelect(channels, 3, -1) == 2 && ChannelReadByte(first.channel) == -1);
     Channel *none[2] = {nullptr, nullptr};
     EXPECT_EQ(Outcome(ChannelSelect(none, 2, 0)), "-1 0,2: ChannelSelect: empty channel array");
 }
@@ -225,24 +214,21 @@ TEST_F(ServerTest, DatagramsGoWholeOrFail) {
                 !getsockname(receiver, reinterpret_cast<sockaddr *>(&address), &length));
     const TCPAddr to = TCPAddrLocal(QK_FAMILY_IPV4, ntohs(address.sin_port));
     const long before = OpenDescriptors();
-    const struct {
-        TCPAddr to;
-        std::string datagram;
-        ULong error;  // 0: sent
-    } cases[] = {
+    const std::tuple<TCPAddr, std::string, ULong> cases[] = {
+        // the error, 0 when sent
         // clang-format off
         {to, "first datagram", 0}, {to, "", 0}, {to, std::string("a\0b\xff", 4), 0},
         {to, std::string(70000, 'x'), QK_ERROR_CODE(EMSGSIZE, QK_DOMAIN_OS)},  // more than fits
         {LocalName("dgram", 1), "x", QK_ERROR_CODE(EAFNOSUPPORT, QK_DOMAIN_OS)},
         // clang-format on
     };
-    for (const auto &c : cases) {
-        EXPECT_EQ(UDPSendBuf(c.to, c.datagram.data(), (UInt)c.datagram.size()), !c.error);
-        EXPECT_EQ(c.error ? QKErrorCode() : 0, c.error) << ErrorText();
+    for (const auto &[target, datagram, error] : cases) {
+        EXPECT_EQ(UDPSendBuf(target, datagram.data(), (UInt)datagram.size()), !error);
+        EXPECT_EQ(error ? QKErrorCode() : 0, error) << ErrorText();
         // Loopback datagrams are queued before sendto returns.
         char buffer[2048];
         ssize_t n = recv(receiver, buffer, sizeof buffer, MSG_DONTWAIT);
-        EXPECT_EQ(n < 0 ? "<none>" : std::string(buffer, n), c.error ? "<none>" : c.datagram);
+        EXPECT_EQ(n < 0 ? "<none>" : std::string(buffer, n), error ? "<none>" : datagram);
     }
     EXPECT_EQ(OpenDescriptors(), before);
     close(receiver);

@@ -46,39 +46,29 @@ bool MakeIdentity(const std::string &path, const char *name, const char *alterna
     return ok;
 }
 
-// The server's side: accepts the next connection into `channel` and answers
-// each line with "echo " and the line, until "bye" or the end of the stream
-// or a failure; then it drops the connection without a close alert. `end`
-// tells how: "accept" and the error, or the last peek's result and the
-// error. An accepted socket closes on exec, and is non-blocking exactly
+// The server's side, on a thread: accepts the next connection into `c` and
+// answers each line with "echo " and the line, until "bye" or the end of the
+// stream or a failure; then it drops the connection without a close alert.
+// `*end` tells how: "accept" and the error, or the last peek's result and
+// the error. An accepted socket closes on exec, and is non-blocking exactly
 // when a time-out is set.
-struct Echo {
-    Channel *channel;
-    std::string end;
-    std::thread thread;
-
-    Echo(TCPServer *server, Channel *served, SSLConfig *config) : channel(served) {
-        ChannelSetSSL(channel, config);
-        thread = std::thread([this, server, c = served] {
-            if (!TCPServerAccept(server, c)) {
-                end = "accept " + ErrorText();
-                EXPECT_TRUE(!ChannelConnected(c) && c->ssl == nullptr);
-                return;
-            }
-            EXPECT_TRUE(ChannelIsSocket(c) && fcntl(c->fd, F_GETFD) & FD_CLOEXEC &&
-                        IsNonBlocking(c->fd) == (c->readTimeout >= 0));
-            int next;
-            std::string line;
-            while ((next = ChannelPeekByte(c)) >= 0 && (line = ReadLine(c)) != "bye")
-                WriteLine(c, "echo " + line);
-            end = std::to_string(next) + (next < -1 ? " " + ErrorText() : "");
-            ChannelDisconnect(c);
-        });
-    }
-    ~Echo() {
-        if (thread.joinable()) thread.join();
-    }
-};
+std::thread Echo(TCPServer *server, Channel *c, std::string *end) {
+    return std::thread([=] {
+        if (!TCPServerAccept(server, c)) {
+            *end = "accept " + ErrorText();
+            EXPECT_TRUE(!ChannelConnected(c) && c->ssl == nullptr);
+            return;
+        }
+        EXPECT_TRUE(ChannelIsSocket(c) && fcntl(c->fd, F_GETFD) & FD_CLOEXEC &&
+                    IsNonBlocking(c->fd) == (c->readTimeout >= 0));
+        int next;
+        std::string line;
+        while ((next = ChannelPeekByte(c)) >= 0 && (line = ReadLine(c)) != "bye")
+            WriteLine(c, "echo " + line);
+        *end = std::to_string(next) + (next < -1 ? " " + ErrorText() : "");
+        ChannelDisconnect(c);
+    });
+}
 
 // Each test has an identity "localhost" (for that name and 127.0.0.1) and
 // another, "other".
@@ -116,15 +106,12 @@ TEST_F(TlsTest, Scenarios) {
     const std::string failed = "5,2: SSL error: SSL_connect: *certificate verify failed*",
                       refused = "accept 5,2: SSL error: SSL_accept: *";
     const long before = OpenDescriptors();
-    const struct {
-        SSLConfig *server;
-        Int timeout;  // of the server's and the client's reads and writes
-        SSLConfig *client;
-        const char *host;
-        Act act;
-        std::string clientError, serverEnd;  // patterns
-    } cases[] = {
-        // clang-format off
+    // The server's settings, the limit of both ends' reads and writes, the
+    // client's settings and host name, what the client does, and patterns of
+    // the client's error and the server's end.
+    const std::tuple<SSLConfig *, Int, SSLConfig *, const char *, Act, std::string, std::string>
+        cases[] = {
+            // clang-format off
         {plain, -1, plain, nullptr, kEcho, "", "-1"}, {plain, 500, plain, nullptr, kEcho, "", "-1"},
         {server, -1, any, nullptr, kEcho, "", "-1"}, {server, 5000, any, nullptr, kEcho, "", "-1"},
         {server, 10000, trusting, "localhost", kEcho, "", "-1"},
@@ -145,39 +132,41 @@ TEST_F(TlsTest, Scenarios) {
         // Writing to a server that left fails without SIGPIPE, which would
         // end this program.
         {server, 10000, any, nullptr, kBye, "5,2: SSL error: SSL_write: *", "98"},
-        // clang-format on
-    };
+            // clang-format on
+        };
     Channel *served = ChannelNew(-1, -1);
-    for (const auto &c : cases) {
-        const Int i = &c - cases;
-        ChannelSetReadTimeout(served, c.timeout);
-        ChannelSetWriteTimeout(served, c.timeout);
-        Echo echo(listener, served, c.server);
-        Channel *client = ChannelNewEx(c.timeout, c.timeout, i % 2 ? 5 : -1);  // a connect limit
-        ChannelSetSSL(client, c.client);
-        std::string host = c.host ? c.host : "", error;
-        ChannelSetSSLHost(client, c.host ? host.c_str() : nullptr);
+    for (int i = 0;
+         const auto &[serves, timeout, connects, name, act, clientError, serverEnd] : cases) {
+        ChannelSetReadTimeout(served, timeout);
+        ChannelSetWriteTimeout(served, timeout);
+        std::string end;
+        ChannelSetSSL(served, serves);
+        std::thread echo = Echo(listener, served, &end);
+        Channel *client = ChannelNewEx(timeout, timeout, i % 2 ? 5 : -1);  // a connect limit
+        ChannelSetSSL(client, connects);
+        std::string host = name ? name : "", error;
+        ChannelSetSSLHost(client, name ? host.c_str() : nullptr);
         std::fill(host.begin(), host.end(), 'x');  // the channel keeps a copy
         if (!ChannelConnect(client, addr)) {
             error = ErrorText();
             EXPECT_FALSE(ChannelConnected(client));
-        } else if (c.act == kEcho) {
+        } else if (act == kEcho) {
             // A refusing server may be gone already: then the peer is unknown.
-            EXPECT_EQ(IsNonBlocking(client->fd), c.timeout >= 0);
-            EXPECT_TRUE(c.clientError != "" || (ChannelGetAddr(client, &peer, 1) &&
-                                                IPAddrIsLocal(peer.ip) && peer.port == addr.port));
-            EXPECT_EQ(ChannelGetMemorySize(client) > sizeof(Channel), c.client != nullptr);
+            EXPECT_EQ(IsNonBlocking(client->fd), timeout >= 0);
+            EXPECT_TRUE(clientError != "" || (ChannelGetAddr(client, &peer, 1) &&
+                                              IPAddrIsLocal(peer.ip) && peer.port == addr.port));
+            EXPECT_EQ(ChannelGetMemorySize(client) > sizeof(Channel), connects != nullptr);
             for (const std::string &line : {std::string("hello"), block}) {
                 int result = 0;
                 if (error.empty() && (!WriteLine(client, line) ||
                                       ReadLine(client, 0, &result) != "echo " + line || !result))
                     error = ErrorText();
             }
-        } else if (c.act == kSilent) {
-            echo.thread.join();          // until the server gives up
-        } else if (c.act == kGarbage) {  // a record header, and bytes not under the session's keys
+        } else if (act == kSilent) {
+            echo.join();               // until the server gives up
+        } else if (act == kGarbage) {  // a record header, and bytes not under the session's keys
             EXPECT_EQ(send(client->fd, "\x17\x03\x03\x00\x05garbage", 12, MSG_NOSIGNAL), 12);
-        } else if (c.act == kAbrupt) {
+        } else if (act == kAbrupt) {
             // Reading first takes in all the server sent, so that the socket
             // ends with a FIN: unread bytes would turn it into a reset.
             EXPECT_TRUE(WriteLine(client, "then silence") &&
@@ -190,9 +179,9 @@ TEST_F(TlsTest, Scenarios) {
         // With a close alert, the server's end of the stream; a failed
         // write is tried again.
         EXPECT_TRUE(ChannelClose(client) || !error.empty());
-        if (echo.thread.joinable()) echo.thread.join();
-        EXPECT_TRUE(Matches(error, c.clientError.c_str())) << i << ": " << error;
-        EXPECT_TRUE(Matches(echo.end, c.serverEnd.c_str())) << i << ": " << echo.end;
+        if (echo.joinable()) echo.join();
+        EXPECT_TRUE(Matches(error, clientError.c_str())) << i << ": " << error;
+        EXPECT_TRUE(Matches(end, serverEnd.c_str())) << i++ << ": " << end;
     }
     // The failures cost the server nothing, and nothing leaked.
     EXPECT_EQ(OpenDescriptors(), before);
@@ -205,10 +194,8 @@ TEST_F(TlsTest, Scenarios) {
 TEST_F(TlsTest, ErrorTexts) {
     const std::string &own = own_, &other = other_, junk = dir_ / "junk", none = dir_ / "none";
     WriteWhole(junk, "this is no certificate\n");
-    const struct {
-        int server;
-        std::string certificate, key, ca, error;
-    } cases[] = {
+    // Server or client, certificate, key, CA file and the error.
+    const std::tuple<int, std::string, std::string, std::string, std::string> cases[] = {
         // clang-format off
         {1, own, "", "", "a server needs a certificate and a key"},
         {0, "", own, "", "a private key needs its certificate"},
@@ -218,9 +205,9 @@ TEST_F(TlsTest, ErrorTexts) {
         {0, "", "", junk, "cannot load CA file \"" + junk + "\": ?*"},
         // clang-format on
     };
-    for (const auto &c : cases) {
-        EXPECT_TRUE(!Config(c.server, c.certificate, c.key, c.ca) &&
-                    Matches(ErrorText(), ("5,2: SSL error: " + c.error).c_str()) &&
+    for (const auto &[server, certificate, key, ca, error] : cases) {
+        EXPECT_TRUE(!Config(server, certificate, key, ca) &&
+                    Matches(ErrorText(), ("5,2: SSL error: " + error).c_str()) &&
                     ERR_peek_error() == 0)
             << ErrorText() << " (or errors left in the queue)";
     }
