@@ -94,6 +94,10 @@ TEST_P(CrashArrayTest, EveryCutLeavesTheArraysBeforeOrAfter) {
 
 INSTANTIATE_TEST_SUITE_P(Arena, CrashArrayTest,
                          ::testing::Values(Setup{1, STATUS_NO_SERIAL, false, true},
-                                           Setup{2, STATUS_NO_SERIAL, true, false}));
+                                           Setup{2, STATUS_NO_SERIAL, true, false}),
+                         [](const ::testing::TestParamInfo<Setup> &info) {
+                             return std::to_string(info.param.buckets) + "Bucket" +
+                                    (info.param.recoverFlag ? "Recover" : "Plain");
+                         });
 
 }  // namespace
