@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <random>
 
 #include "arena/arena_check.h"
@@ -52,7 +53,7 @@ class CrashSoakTest : public ::testing::Test {
             if (words == nullptr) return false;
             words[0] = root.generation;
             words[1] = root.ids.size();
-            memcpy(words + 2, root.ids.data(), root.ids.size() * sizeof(ULong));
+            std::copy(root.ids.begin(), root.ids.end(), words + 2);
             return true;
         });
     }
