@@ -74,7 +74,8 @@ std::string Held(Channel *channel, Form form, int *result) {
     ByteArray bytes = {};
     UIntArray elements = {};
     FArray array;
-    ArrayAppend(bytes, "before", 6);
+    ArrayAppend(bytes, "before", 7);  // terminated, as a read leaves it
+    bytes.length--;
     ArrayAdd(elements, 99u);
     FArrayInitHeap(array, 2);
     EXPECT_EQ(FArrayEnsureCapacity0(array, UInt, 3), 1);
