@@ -53,13 +53,7 @@ UInt PutNewBlock(VMArena *arena, VMAArray *array, UInt at, UInt size) {
         return 0;
     }
     UInt actual;
-    ULong id = VMArenaBlockNew(arena, size, &actual, NEWGEN);
-    bool success = id != INVALID_VMARENA_BLOCK_ID;
-    qkassert(success);
-    void *range = VMArenaDataAcquire(arena, id, NEWGEN, 0, nullptr, nullptr);
-    qkassert(range != NULL);
-    BlockIDAt(array, at) = id;
-    *BlockCacheSlot(array, at) = (uintptr_t)range | kWritableTag;
+    *BlockCacheSlot(array, at) = VMAArrayNewBlock(arena, size, &BlockIDAt(array, at), &actual);
     return actual;
 }
 

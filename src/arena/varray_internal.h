@@ -21,6 +21,10 @@ QK_API void VMAArrayOldChecked(VMArena *arena, Int id);
 
 // Elements that the array's blocks hold.
 QK_API UInt VMAArrayCapacity(const VMAArray *array, UInt blockSize, UInt eltSize);
+// A new block of at least `size` bytes in the new generation, acquired for
+// writing: its block cache entry (address and write tag); its ID and class
+// size in `id` and `actual`. Growing has no soft failure.
+QK_API uintptr_t VMAArrayNewBlock(VMArena *arena, UInt size, ULong *id, UInt *actual);
 // Appends a new block of at least `size` bytes to the array's lists, its
 // cache entry writable; returns the block's class size. Growing has no soft
 // failure.

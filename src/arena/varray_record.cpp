@@ -25,16 +25,21 @@ UInt VMAArrayCapacity(const VMAArray *array, UInt blockSize, UInt eltSize) {
     return (blocks - 1) * perBlock + kSizes[last & 15] / eltSize;
 }
 
-UInt VMAArrayAddBlock(VMArena *arena, VMAArray *array, UInt size) {
-    UInt actual;
-    ULong id = VMArenaBlockNew(arena, size, &actual, NEWGEN);
-    bool success = id != INVALID_VMARENA_BLOCK_ID;
+uintptr_t VMAArrayNewBlock(VMArena *arena, UInt size, ULong *id, UInt *actual) {
+    *id = VMArenaBlockNew(arena, size, actual, NEWGEN);
+    bool success = *id != INVALID_VMARENA_BLOCK_ID;
     qkassert(success);
     // A piece taken from a free list may lie in a block of the old image:
     // acquiring it for writing copies that block now.
-    void *range = VMArenaDataAcquire(arena, id, NEWGEN, 0, nullptr, nullptr);
+    void *range = VMArenaDataAcquire(arena, *id, NEWGEN, 0, nullptr, nullptr);
     qkassert(range != NULL);
-    uintptr_t entry = (uintptr_t)range | kWritableTag;
+    return (uintptr_t)range | kWritableTag;
+}
+
+UInt VMAArrayAddBlock(VMArena *arena, VMAArray *array, UInt size) {
+    UInt actual;
+    ULong id;
+    uintptr_t entry = VMAArrayNewBlock(arena, size, &id, &actual);
     int ok = 1;
     FArrayAdd(array->blockID, &id, &ok);
     FArrayAdd(array->blockCache, &entry, &ok);
