@@ -58,9 +58,8 @@ int WaitChannel(Channel *channel, bool forWrite);
 // code.
 int Read(Channel *channel, void *buffer, UInt size, bool full, UInt *count, bool block);
 
-// Writes all `size` bytes: 1, or 0 with the error state set.
-// Writes all the bytes; on a failure *written (when given) says how many
-// left before it.
+// Writes all `size` bytes: 1, or 0 with the error state set and, in
+// *written when given, how many left before the failure.
 int Write(Channel *channel, const void *buffer, size_t size, size_t *written = nullptr);
 
 // Fills the empty read buffer with one read: 0 or a read code.
