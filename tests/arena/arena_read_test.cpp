@@ -1,8 +1,6 @@
 // Reading arenas written as a commit leaves them: arrays of every block
 // shape in both generations, the name table, the metadata written back by
 // the library, and the mappings of the data files.
-#include <thread>
-
 #include "arena_test_util.h"
 
 using namespace arenatest;
@@ -45,12 +43,9 @@ TEST_F(ArenaReadTest, EveryArrayReadsBackInBothGenerations) {
             for (std::string name : {"arena.new", "arena.old"})
                 EXPECT_EQ(ReadWhole(dir / (name + ".new")), ReadWhole(dir / name));
         }
-        ASSERT_EQ((V{VMArenaArrayCount(arena, NEWGEN), VMArenaArrayCount(arena, OLDGEN)}),
-                  (V{7, 7}));
         for (Int genID : {NEWGEN, OLDGEN}) {
             for (UInt id = 0; id < 7; id++)
                 EXPECT_TRUE(Read(id, genID) == Expected(id, genID)) << id << " " << genID;
-            EXPECT_NE(Expected(2, genID), Expected(2, 1 - genID));
             for (UInt id = 1; id < 7; id++) {
                 const std::string &name = arrays[id - 1].name;
                 EXPECT_EQ(NameServiceFind(arena, genID, name.data(), (UInt)name.size()), (Int)id);
@@ -122,22 +117,6 @@ TEST_F(ArenaReadTest, TheReadWritePartGrowsInFragmentsWithReservedBlocks) {
     std::string bytes = ReadWhole(dir / "block/data0");
     EXPECT_EQ(bytes.substr(7 * 8192, 2 * 8192) + bytes[16 * 8192],
               std::string(8192, 7) + std::string(8192, 8) + "\x10");
-}
-
-TEST_F(ArenaReadTest, ReadersShareTheOldGeneration) {
-    Open(kRead);
-    std::atomic<int> mismatches{0};
-    auto reader = [&] {
-        for (int round = 0; round < 20; round++) {
-            RWLockAcquireRead(&arena->oldGenLock);
-            for (UInt id = 0; id < 7; id++) mismatches += Read(id, OLDGEN) != Expected(id, OLDGEN);
-            mismatches += NameServiceFind(arena, OLDGEN, "c/odd", 5) != 6;
-            RWLockRelease(&arena->oldGenLock);
-        }
-    };
-    std::thread a(reader), b(reader);
-    a.join(), b.join();
-    EXPECT_EQ(mismatches, 0);
 }
 
 }  // namespace

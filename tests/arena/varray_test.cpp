@@ -190,15 +190,10 @@ TEST_F(VArrayTest, FirstWriteAfterCommitCopiesOnce) {
     EXPECT_EQ(*(UInt *)VMAArrayRangeFast_(arena, id, 8192, 2048, &end, NEWGEN, 1, 4), 99u);
 }
 
-// Bounds: OLDGEN accepts an index equal to the length, NEWGEN asserts.
-TEST_F(VArrayTest, BoundsOfEachGeneration) {
+// Bounds and types the new generation asserts on.
+TEST_F(VArrayTest, BoundsOfTheNewGeneration) {
     Int id = Filled({1, 2, 3});
     UInt end = 0, v = 4;
-    Commit();
-    EXPECT_NE(VMAArrayRange_(arena, id, 8192, 3, &end, OLDGEN, 1, 4, 0), nullptr);
-    EXPECT_EQ(end, 3u);
-    EXPECT_EQ(VMAArrayRange_(arena, id, 8192, 4, &end, OLDGEN, 1, 4, 0), nullptr);
-    EXPECT_STREQ(QKErrorMessage(), "index = 4, length = 3, arrayID = 1, gen = OLD");
     EXPECT_DEATH(VMAArrayRange_(arena, id, 8192, 3, &end, NEWGEN, 1, 4, 0),
                  "index < array->length");
     Record(id)->type = TWO_PART_ARRAY_TYPE;
@@ -338,12 +333,13 @@ TEST_F(VArrayTest, LoadStatAndCheck) {
     EXPECT_EQ(VMArenaCheck(arena), 0u);
 }
 
-// Readers of OLDGEN in threads see one committed image whole while the
-// writer changes NEWGEN and commits: every element of image k is k, and
-// image k has 1000 + 500 k elements.
+// Readers of OLDGEN in threads see one committed image whole, and find it
+// by its name, while the writer changes NEWGEN and commits: every element
+// of image k is k, and image k has 1000 + 500 k elements.
 TEST_F(VArrayTest, OldGenReadersBesideWriter) {
     std::vector<UInt> fill(1000 + 500 * 12, 0);
-    Int id = Filled({fill.begin(), fill.begin() + 1000});
+    Int id = Make("shared");
+    VMAArrayAppend_(arena, id, 8192, fill.data(), 1000, NEWGEN, 4);
     Commit();
     std::atomic<int> faults{0}, reads{0}, stop{0};
     auto reader = [&] {
@@ -352,6 +348,7 @@ TEST_F(VArrayTest, OldGenReadersBesideWriter) {
             std::string image = Read(id, OLDGEN, 4);
             UInt n = (UInt)image.size() / 4, k = (n - 1000) / 500;
             if (image != Elements(std::vector<UInt>(n, k), n)) faults++;
+            faults += NameServiceFind(arena, OLDGEN, "shared", 6) != id;
             VMArenaOldGenRelease(arena);
         }
     };

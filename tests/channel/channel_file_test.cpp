@@ -1,5 +1,6 @@
 // Channels on files: random seeks, tells, reads, writes and truncations
-// against a model of the file, the open modes, and failures to open.
+// against a model of the file, the open modes, and failures to open, in
+// one test on one channel.
 #include "channel/channel_test_util.h"
 #include "qk/file.h"
 
@@ -7,7 +8,7 @@ namespace {
 
 // What is buffered decides what the model allows: a write only when nothing
 // read is buffered, a read only when nothing written is.
-TEST_F(ChannelTest, MatchesAModelOfTheFile) {
+TEST_F(ChannelTest, MatchesAModelOfTheFileAndOpenFailures) {
     const std::string path = dir_ / "model";
     std::string model = Random(2 * CHANNEL_BUFFER_SIZE, 1);
     WriteWhole(path, model);
@@ -55,27 +56,23 @@ TEST_F(ChannelTest, MatchesAModelOfTheFile) {
         EXPECT_TRUE(ReadBuf(channel, (UInt)model.size() + 1, &result) ==
                     (*mode == 'r' ? model : ""));
     }
-    ASSERT_EQ(ChannelClose(channel), 1);
-}
-
-TEST_F(ChannelTest, OpenFailures) {
-    const std::string path = dir_ / "g", missing = "0 2,0: No such file or directory",
+    // Failures to open, and the modes that are refused.
+    const std::string missing = "0 2,0: No such file or directory",
                       invalid = "0 22,0: Invalid argument";
     const std::tuple<std::string, const char *, std::string> cases[] = {
         // path, mode, outcome
         // clang-format off
-        {path, "r", missing}, {dir_ / "no/dir/f", "w", missing}, {path, "", invalid},
+        {dir_ / "g", "r", missing}, {dir_ / "no/dir/f", "w", missing}, {path, "", invalid},
         {path, "rw", invalid}, {path, "x", invalid}, {path, "R", invalid}, {path, "w+", invalid},
         {dir_ / "bad\xff", "w", invalid}, {dir_ / "bad\xC0\x80", "w", invalid},
         {dir_.Path(), "w", "0 21,1: Is a directory"},
         // clang-format on
     };
-    Channel *channel = ChannelNew(-1, -1);
     for (const auto &[file, mode, outcome] : cases) {
         QKErrorClear();
         EXPECT_EQ(Outcome(ChannelOpenFile(channel, file.c_str(), mode)), outcome) << mode;
     }
-    EXPECT_FALSE(FileExists(path.c_str()));
+    EXPECT_FALSE(FileExists((dir_ / "g").c_str()));
     // A UCS2 path goes as UTF-8, and a zero unit in it is refused.
     std::vector<UShort> wide(dir_.Path().begin(), dir_.Path().end());
     wide.insert(wide.end(), {'/', 0x00E9, 0x20AC, '.', 't'});

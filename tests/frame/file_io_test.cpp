@@ -120,7 +120,7 @@ TEST_F(FileTest, ViewsOfEveryKind) {
 // Exclusive against exclusive, exclusive against shared, and two shared
 // against exclusive conflict with errno 16; exclusive locks make the file
 // with mode 0600, shared ones make none. 260 bytes is the longest path.
-TEST_F(FileTest, ConflictsAndPaths) {
+TEST_F(FileTest, LockConflictsPathsAndTexts) {
     for (auto [held, conflicting] : {std::pair(Bytes{1}, 1), {Bytes{1}, 0}, {Bytes{0, 0}, 1}}) {
         std::vector<FileLock *> locks;
         for (int exclusive : held) locks.push_back(FileLockAcquire(Dir(), "lock", exclusive));
@@ -139,13 +139,10 @@ TEST_F(FileTest, ConflictsAndPaths) {
     EXPECT_EQ(FileLockRelease(longest), 1);
     EXPECT_EQ(WithErrno(FileLockAcquire(Dir(), (name + 'n').c_str(), 1)), std::tuple(nullptr, 22));
     EXPECT_EQ(Left(FileLockAcquire(Dir(), "absent", 0)), OS_FAILURE(nullptr, ENOENT));
-}
-
-// Each write replaces the text, a shorter one too; a read appends it with a
-// zero after, going on until a short piece (2048 bytes are two whole ones).
-// Reads and writes through one lock object from two threads never see a
-// torn text. A shared lock cannot write.
-TEST_F(FileTest, WriteReplacesAndReadAppends) {
+    // Each write replaces the text, a shorter one too; a read appends it with
+    // a zero after, going on until a short piece (2048 bytes are two whole
+    // ones). Reads and writes through one lock object from two threads never
+    // see a torn text. A shared lock cannot write.
     FileLock *lock = FileLockAcquire(Dir(), "pid", 1);
     const std::string texts[] = {std::string(3000, 'x'), "1234", std::string(2048, 'y')};
     ByteArray text{};

@@ -105,7 +105,6 @@ TEST_F(FilePathTest, CArraysOfEverySize) {
     const UInt ints[] = {4294967295u, 7};
     const ULong longs[] = {18446744073709551615ull};
     const std::tuple<const void *, UInt, UInt, const char *> cases[] = {
-        {bytes, 2, 1, "static UByte t[2] = { \n0, 255\n};\n"},
         {shorts, 1, 2, "static UShort t[1] = { \n65535\n};\n"},
         {ints, 2, 4, "static UInt t[2] = { \n4294967295U, 7U\n};\n"},
         {longs, 1, 8, "static ULong t[1] = { \n18446744073709551615UL\n};\n"},
@@ -159,10 +158,9 @@ TEST_F(FilePathTest, CreateAndPathsThatAreNotWellFormed) {
     auto failed = [&](bool failed) { errors.push_back(failed ? errno : 0); };
     failed(FileMapRead(Dir(), kFourBytes, nullptr, nullptr) == nullptr);
     failed(FileOpen(Dir(), kFourBytes, 1, 0) == -1);
-    failed(FileMapRead(Dir(), "bad\x80", nullptr, nullptr) == nullptr);
     failed(FileLockAcquire(Dir(), kFourBytes, 1) == nullptr);
     failed(!FileRename((dir / "x").c_str(), (dir / kFourBytes).c_str(), nullptr));
-    EXPECT_EQ(errors, std::vector<int>(5, EILSEQ));
+    EXPECT_EQ(errors, std::vector<int>(4, EILSEQ));
     EXPECT_FALSE(FileExists((dir / kFourBytes).c_str()));
     EXPECT_EQ(FileSize((dir / kFourBytes).c_str()), ~(ULong)0);
 }

@@ -106,7 +106,7 @@ auto Under(Lock *lock, Reader read) {
     return value;
 }
 
-// Whether a thread sleeps on `condition`.
-inline bool Waiting(Condition *condition) {
-    return Under(condition, [](Condition *c) { return c->waiters; }) == 1;
+// Whether `count` threads sleep on `condition`.
+inline bool Waiting(Condition *condition, UInt count = 1) {
+    return Under(condition, [](Condition *c) { return c->waiters; }) == count;
 }
