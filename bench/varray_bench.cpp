@@ -8,38 +8,21 @@
 // (the new generation's block cache, no call) against the vector. Both
 // persistent sides work in a directory on the disk ($QK_BENCH_DISK_DIR,
 // else /var/tmp).
-#include <lmdb.h>
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <random>
 #include <string>
 #include <vector>
 
+#include "bench_disk.h"
 #include "compare.h"
 #include "qk/qkcommon.h"
 
 namespace {
 
+using namespace qkbench;
+
 constexpr UInt kCount = 10000000;
 constexpr UInt kCommitEvery = 100000;
 constexpr UInt kReads = 1000000;  // random reads per iteration
-
-#define LMDB_CHECK(call)                    \
-    do {                                    \
-        if ((call) != MDB_SUCCESS) abort(); \
-    } while (0)
-
-std::string DiskDir(const std::string &what) {
-    const char *env = getenv("QK_BENCH_DISK_DIR");
-    std::string base = env && *env ? env : "/var/tmp";
-    return base + "/qkbench_varray_" + what + "_" + std::to_string(getpid());
-}
-
-void RemoveDir(const std::string &dir) {
-    DirectoryRemoveContents(dir.c_str());
-    rmdir(dir.c_str());
-}
 
 UInt Value(UInt i) {
     return i * 2654435761u;
@@ -53,7 +36,7 @@ struct ArenaSide {
 
 ArenaSide OpenArena(const std::string &what) {
     ArenaSide side;
-    side.dir = DiskDir(what);
+    side.dir = DiskDir("varray_" + what);
     RemoveDir(side.dir);
     side.arena = VMArenaOpen(side.dir.c_str(), VM_FLAG_CREATE | VM_FLAG_MAPPED, 1, STATUS_NO_SERIAL,
                              STATUS_NO_SERIAL, nullptr, nullptr);
@@ -76,27 +59,6 @@ void Fill(ArenaSide &side, bool commit) {
     }
 }
 
-struct LmdbSide {
-    std::string dir;
-    MDB_env *env;
-    MDB_dbi dbi;
-};
-
-LmdbSide OpenLmdb(const std::string &what) {
-    LmdbSide side;
-    side.dir = DiskDir(what);
-    RemoveDir(side.dir);
-    if (!DirectoryCreate(nullptr, side.dir.c_str(), 1)) abort();
-    LMDB_CHECK(mdb_env_create(&side.env));
-    LMDB_CHECK(mdb_env_set_mapsize(side.env, (size_t)2 << 30));
-    LMDB_CHECK(mdb_env_open(side.env, side.dir.c_str(), 0, 0600));
-    MDB_txn *txn;
-    LMDB_CHECK(mdb_txn_begin(side.env, nullptr, 0, &txn));
-    LMDB_CHECK(mdb_dbi_open(txn, nullptr, MDB_INTEGERKEY, &side.dbi));
-    LMDB_CHECK(mdb_txn_commit(txn));
-    return side;
-}
-
 void Fill(LmdbSide &side) {
     MDB_txn *txn = nullptr;
     for (UInt i = 0; i < kCount; i++) {
@@ -109,11 +71,6 @@ void Fill(LmdbSide &side) {
             txn = nullptr;
         }
     }
-}
-
-void CloseLmdb(LmdbSide &side) {
-    mdb_env_close(side.env);
-    RemoveDir(side.dir);
 }
 
 void AppendArena(benchmark::State &state, bool commit) {

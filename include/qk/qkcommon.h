@@ -5,6 +5,7 @@
 #include "qk/arena.h"
 #include "qk/array.h"
 #include "qk/channel.h"
+#include "qk/dbarray.h"
 #include "qk/digest.h"
 #include "qk/file.h"
 #include "qk/fingerprint.h"

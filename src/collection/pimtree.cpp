@@ -10,11 +10,6 @@ using namespace qk::pimtree;
 
 namespace qk::pimtree {
 
-void Corrupt(PIMTree *tree, const char *text, const char *file, int line) {
-    VMArenaTagCorrupted(tree->arena);
-    qkassert_(text, file, line);
-}
-
 PIMTreeTransition Decode(const PIMTreeRecord *record) {
     return {LoadLE64(record->bytes), LoadLE32(record->bytes + 8), LoadLE32(record->bytes + 12)};
 }

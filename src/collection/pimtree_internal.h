@@ -2,6 +2,7 @@
 // checked reads of both arrays, and the moves of a run of transitions.
 #pragma once
 
+#include "collection/corrupt.h"
 #include "qk/frame.h"
 #include "qk/pimtree.h"
 
@@ -32,10 +33,7 @@ struct PIMTreeThreadData {
 
 namespace qk::pimtree {
 
-// Impossible contents: the arena is tagged corrupted, then the assertion.
-[[noreturn]] void Corrupt(PIMTree *tree, const char *text, const char *file, int line);
-#define PIM_CHECK(tree, expression, text) \
-    ((expression) ? (void)0 : qk::pimtree::Corrupt((tree), (text), __FILE__, __LINE__))
+#define PIM_CHECK(tree, expression, text) COLL_CHECK((tree)->arena, expression, text)
 
 PIMTreeTransition Decode(const PIMTreeRecord *record);
 PIMTreeRecord Encode(const PIMTreeTransition &transition);
