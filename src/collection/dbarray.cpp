@@ -63,18 +63,33 @@ UInt BucketSize(DBArrayBucket &bucket, Int genID) {
 }
 
 bool Locate(DBArrayBucket &bucket, UInt handle, Int genID, UInt *block, UInt *place) {
-    if (!VMAArrayExists(bucket.index, genID) ||
-        handle / 64 >= VMAArrayLength(bucket.index, genID) || handle >= BucketSize(bucket, genID))
+    if (!VMAArrayExists(bucket.index, genID) || handle / 64 >= VMAArrayLength(bucket.index, genID))
         return false;
     UInt upBound, blocks = BlockCount(bucket, genID);
     const UInt *entry = VMAArrayRange(bucket.index, handle / 64, &upBound, genID, 1);
     DB_CHECK(bucket, entry != nullptr && *entry < blocks, "index[handle >> 6] < blockCount");
-    UInt b = *entry;
-    DB_CHECK(bucket, FirstHandle(bucket, b, genID) <= handle, "firstHandle[block] <= handle");
-    while (b + 1 < blocks && FirstHandle(bucket, b + 1, genID) <= handle) b++;
+    UInt b = *entry, first = FirstHandle(bucket, b, genID), next;
+    DB_CHECK(bucket, first <= handle, "firstHandle[block] <= handle");
+    while (b + 1 < blocks && (next = FirstHandle(bucket, b + 1, genID)) <= handle) {
+        b++;
+        first = next;
+    }
     *block = b;
-    *place = handle - FirstHandle(bucket, b, genID);
+    *place = handle - first;
     return true;
+}
+
+bool ElementLocate(DBArrayBucket &bucket, UInt handle, Int genID, int read, Block *block,
+                   UInt *blockIndex, UInt *offset) {
+    UInt place, count;
+    if (!Locate(bucket, handle, genID, blockIndex, &place)) return false;
+    *block = BlockGet(bucket, *blockIndex, genID, read);
+    if (ElementFind(*block, place, offset)) return true;
+    // Past the last element of the last block: a handle not given yet.
+    DB_CHECK(bucket, *blockIndex + 1 == BlockCount(bucket, genID), "offset < dataSize");
+    DB_CHECK(bucket, ElementCount(*block, &count), "lastOffset == dataSize");
+    DB_CHECK(bucket, place >= count, "offset < dataSize");
+    return false;
 }
 
 UInt BlockRound(DBArrayBucket &bucket, UInt need) {
@@ -205,13 +220,12 @@ QK_API void *DBArrayGet(DBArray *array, UInt bucket, UInt handle, Int genID, int
                         UInt *length) {
     qkassert(read || genID == NEWGEN);
     DBArrayBucket &b = BucketOf(array, bucket);
-    UInt block, place, offset, n;
+    UInt blockIndex, offset, n;
+    Block block;
     *length = 0;
-    if (!Locate(b, handle, genID, &block, &place)) return nullptr;
-    Block data = BlockGet(b, block, genID, read);
-    DB_CHECK(b, ElementFind(data, place, &offset) && ElementRead(data, offset, &n, length),
-             "offset < dataSize");
-    return data.Data() + offset + n;
+    if (!ElementLocate(b, handle, genID, read, &block, &blockIndex, &offset)) return nullptr;
+    DB_CHECK(b, ElementRead(block, offset, &n, length), "offset < dataSize");
+    return block.Data() + offset + n;
 }
 
 QK_API void DBArrayRelease(DBArray *array, Int genID, int read, void *address) {
@@ -232,9 +246,10 @@ QK_API void DBArrayPrefetchLocked(DBArray *array, UInt bucket, UInt handle, Int 
 
 QK_API uintptr_t DBArrayHintGet(DBArray *array, UInt bucket, UInt handle, Int genID) {
     DBArrayBucket &b = BucketOf(array, bucket);
-    UInt block, place;
-    if (!Locate(b, handle, genID, &block, &place)) return 0;
-    return (uintptr_t)BlockGet(b, block, genID, 1).base;
+    UInt blockIndex, offset;
+    Block block;
+    if (!ElementLocate(b, handle, genID, 1, &block, &blockIndex, &offset)) return 0;
+    return (uintptr_t)block.base;
 }
 
 QK_API void DBArrayLoadRegister(DBArray *array, int loadData, int loadCache, int loadContent) {

@@ -49,33 +49,36 @@ extern "C" QK_API UInt DBArrayAdd(DBArray *array, UInt bucket, const void *data,
         return DBARRAY_NO_HANDLE;
     }
     DBArrayBucket &b = BucketOf(array, bucket);
-    UInt handle = BucketSize(b, NEWGEN), added = 0;
-    bool needBlock = false;
+    UInt blocks = BlockCount(b, NEWGEN), handle = 0, last = 0, place = 0, added = 0;
+    Block block{};
+    bool needBlock = blocks == 0;
     if (VMAArrayLength(b.index, NEWGEN) == 0) {
         static const UInt kFirst = 0;
+        DB_CHECK(b, needBlock, "index != empty");
         VMAArrayAppend(b.index, &kFirst, 1);
-        needBlock = true;
+    } else {
+        last = blocks - 1;
+        block = BlockGet(b, last, NEWGEN, 0);
+        DB_CHECK(b, ElementCount(block, &place), "lastOffset == dataSize");
+        handle = FirstHandle(b, last, NEWGEN) + place;
     }
-    Block block;
-    UInt last, place;
     for (;;) {
         if (needBlock) {
             DB_CHECK(b, added < 2, "addedBlockCounter < 2");
             BlockAppend(b, handle, kHeaderSize + ElementCost(0, length));
             added++;
+            last = BlockCount(b, NEWGEN) - 1;
+            block = BlockGet(b, last, NEWGEN, 0);
+            place = 0;
             needBlock = false;
         }
-        last = BlockCount(b, NEWGEN) - 1;
-        block = BlockGet(b, last, NEWGEN, 0);
-        DB_CHECK(b, ElementCount(block, &place), "lastOffset == dataSize");
-        DB_CHECK(b, FirstHandle(b, last, NEWGEN) + place == handle, "lastHandle == lastHandleTh");
         UInt need = block.Used() + ElementCost(place, length);
         if (need <= block.size) break;
-        if (need <= DBARRAY_MAX_BLOCK_SIZE)
+        if (need <= DBARRAY_MAX_BLOCK_SIZE) {
             block = BlockResize(b, last, BlockRound(b, need));
-        else
-            needBlock = true;
-        if (!needBlock) break;
+            break;
+        }
+        needBlock = true;
     }
     if (place != 0 && place % 8 == 0) {
         block.indexSize++;

@@ -92,8 +92,14 @@ UInt FirstHandle(DBArrayBucket &bucket, UInt b, Int genID);
 void FirstHandleSet(DBArrayBucket &bucket, UInt b, UInt handle);
 // The number of elements in the bucket.
 UInt BucketSize(DBArrayBucket &bucket, Int genID);
-// The block and place of `handle`; false when the bucket has no such handle.
+// The block and place where `handle` lies or would lie; false when the
+// index does not reach it. In the last block the place may lie past its
+// elements.
 bool Locate(DBArrayBucket &bucket, UInt handle, Int genID, UInt *block, UInt *place);
+// Block, block index and data offset of the element `handle`; false when
+// the bucket has no such handle.
+bool ElementLocate(DBArrayBucket &bucket, UInt handle, Int genID, int read, Block *block,
+                   UInt *blockIndex, UInt *offset);
 // The size of a new block that takes `need` bytes.
 QK_API UInt BlockRound(DBArrayBucket &bucket, UInt need);
 // Moves block `b` to one of `size` bytes, with its in-block index at the

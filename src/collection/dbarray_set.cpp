@@ -46,14 +46,14 @@ QK_API int DBArrayLengthSet(DBArray *array, UInt bucket, UInt handle, Int genID,
                      (UInt)DBARRAY_MAX_ELEMENT_SIZE);
         return 0;
     }
-    if (!Locate(b, handle, NEWGEN, &blockIndex, &place)) {
+    Block block;
+    if (!ElementLocate(b, handle, NEWGEN, 0, &block, &blockIndex, &offset)) {
         QKErrorThrow(QK_ERR_INVALID, QK_DOMAIN_GENERAL, "no element %u in bucket %u", handle,
                      bucket);
         return 0;
     }
-    Block block = BlockGet(b, blockIndex, NEWGEN, 0);
-    DB_CHECK(b, ElementFind(block, place, &offset) && ElementRead(block, offset, &n0, &l0),
-             "offset < dataSize");
+    DB_CHECK(b, ElementRead(block, offset, &n0, &l0), "offset < dataSize");
+    place = handle - FirstHandle(b, blockIndex, NEWGEN);
     if (l0 == length) return 1;
     Int delta = (Int)(VarIntSize(length) + length) - (Int)(n0 + l0);
     UInt need = (UInt)((Int)block.Used() + delta);
