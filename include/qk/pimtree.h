@@ -23,6 +23,8 @@ QK_BEGIN_DECLS
 
 #define PIMTREE_LEAF_BIT 0x80000000u
 #define PIMTREE_NO_NODE 0x7FFFFFFFu
+/* Node data 0 carries no value, in the head as in the compact leaves. */
+#define EMPTY_NODE_DATA 0
 
 typedef struct PIMTree PIMTree;
 typedef struct PIMTreeThreadData PIMTreeThreadData;

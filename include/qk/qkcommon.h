@@ -13,6 +13,7 @@
 #include "qk/hash.h"
 #include "qk/memory.h"
 #include "qk/normal.h"
+#include "qk/pictree.h"
 #include "qk/pimtree.h"
 #include "qk/server.h"
 #include "qk/status.h"
