@@ -15,6 +15,7 @@
 #include "qk/normal.h"
 #include "qk/pictree.h"
 #include "qk/pimtree.h"
+#include "qk/pitree.h"
 #include "qk/server.h"
 #include "qk/status.h"
 #include "qk/thread.h"

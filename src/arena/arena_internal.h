@@ -68,6 +68,11 @@ struct VMArena {
 
 namespace qk::arena {
 
+// An open flag of the library's own: the array directory only scans the
+// name table, and no tree is made. The arena layer's tests see the files
+// and the allocator so, without the directory's arrays.
+constexpr UInt kFlagNameScan = 0x8000;
+
 QK_API void VMArenaRWInit(VMArenaRW *rw);
 QK_API void VMArenaRWFree(VMArenaRW *rw);
 // Frees the arrays and free lists; the locks stay.

@@ -163,6 +163,7 @@ QK_API VMArena *VMArenaOpen(const char *dir, UInt flags, UInt bucketCount, ULong
     // A marked commit had begun its renames: the buckets finish them too.
     bool rollForward = marked && oldSerial == STATUS_NO_SERIAL && newSerial == STATUS_NO_SERIAL;
     VMArena *arena = New(dir, flags, bucketCount, oldSerial, newSerial);
+    bool created = false;
     if (!VMArenaRead(arena, rollForward)) {
         DeleteKeepingError(arena);
         if (AnySign(dir, oldSerial, newSerial)) {
@@ -177,6 +178,7 @@ QK_API VMArena *VMArenaOpen(const char *dir, UInt flags, UInt bucketCount, ULong
             QKErrorRethrow("could not create initial vmarena in \"%s\"", dir);
             return nullptr;
         }
+        created = true;
         arena = New(dir, flags, bucketCount, oldSerial, newSerial);
         if (!VMArenaRead(arena, false)) {
             QKErrorRethrow("could not read vmarena in \"%s\"", dir);
@@ -185,8 +187,16 @@ QK_API VMArena *VMArenaOpen(const char *dir, UInt flags, UInt bucketCount, ULong
         }
     }
     VMArenaFillBlockCaches(arena);
-    if (!NameServiceOpen(arena)) {
-        QKErrorRethrow("cannot create name service");
+    if (!NameServiceOpen(arena, (flags & kFlagNameScan) == 0)) {
+        DeleteKeepingError(arena);
+        return nullptr;
+    }
+    // A new arena's first image holds its name service, so that a reader
+    // can open it before the first commit of its writer. (In serial mode the
+    // caller commits, under serials of its own.)
+    if (created && !(flags & kFlagNameScan) && oldSerial == STATUS_NO_SERIAL && newSerial == STATUS_NO_SERIAL &&
+        !VMArenaCommit(arena, nullptr, nullptr)) {
+        QKErrorRethrow("could not create initial vmarena in \"%s\"", dir);
         DeleteKeepingError(arena);
         return nullptr;
     }

@@ -129,8 +129,7 @@ QK_API int VMArenaFlushCommitMemory(VMArena *arena, int lock) {
         // Every block has a new address: none is resolved yet.
         if (arena->r_gen.cache.length > 0)
             memset(arena->r_gen.cache.data, 0, arena->r_gen.cache.length * sizeof(uintptr_t));
-        // The array directory scans the name table of each generation and
-        // keeps nothing across a commit.
+        NameServiceCommit(arena);
         VMArenaFillBlockCaches(arena);
     }
     if (lock) RWLockRelease(&arena->oldGenLock);

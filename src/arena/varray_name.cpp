@@ -30,20 +30,13 @@ bool PathJoin(char *path, const char *str1, const char *str2) {
 
 extern "C" {
 
-QK_API Int VMAArrayFind(VMArena *arena, Int genID, const char *name, UInt length, int, int *create,
-                        int blockArray, UInt blockSize) {
+QK_API Int VMAArrayFind(VMArena *arena, Int genID, const char *name, UInt length, int linear,
+                        int *create, int blockArray, UInt blockSize) {
     qkassert(genID == NEWGEN || !*create);
     NameService *names = &arena->nameService;
     MutexLock(&names->mutex);
-    UInt count;
-    Int id = NameServiceFind(arena, genID, name, length, &count);
-    if (id != kNoArray) {
-        *create = 0;
-    } else if (*create && !arena->readOnly) {
-        id = NameServiceAdd(arena, name, length, count, blockArray != 0, blockSize);
-    } else {
-        *create = 0;
-    }
+    Int id = NameServiceFind(arena, genID, name, length, linear != 0, create, blockArray != 0,
+                             blockSize);
     MutexUnlock(&names->mutex);
     return id;
 }

@@ -240,7 +240,7 @@ TEST_F(ArenaOpenTest, DamagedFilesFailWithTheirOwnMessage) {
         WriteWhole(dir / c.file, good[c.file]);
     }
     Open(kWrite);
-    EXPECT_EQ(Contents(NameServiceFind(arena, OLDGEN, "b", 1), OLDGEN), "bb");
+    EXPECT_EQ(Contents(Find(OLDGEN, "b"), OLDGEN), "bb");
     Close();
 
     // A raw block beyond the committed size can only come from a mount.

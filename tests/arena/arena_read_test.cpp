@@ -48,10 +48,10 @@ TEST_F(ArenaReadTest, EveryArrayReadsBackInBothGenerations) {
                 EXPECT_TRUE(Read(id, genID) == Expected(id, genID)) << id << " " << genID;
             for (UInt id = 1; id < 7; id++) {
                 const std::string &name = arrays[id - 1].name;
-                EXPECT_EQ(NameServiceFind(arena, genID, name.data(), (UInt)name.size()), (Int)id);
+                EXPECT_EQ(Find(genID, name), (Int)id);
             }
             for (const char *name : {"a/smal", "a/small/", "", "c/odd/x", "zz"})
-                EXPECT_EQ(NameServiceFind(arena, genID, name, (UInt)strlen(name)), kNoArray);
+                EXPECT_EQ(Find(genID, name), kNoArray);
         }
         // Every block of the new generation has its address, not writable.
         for (UInt id = 0, b = 0; id < 7; id++, b = 0) {

@@ -28,9 +28,10 @@ using List = std::initializer_list<ULong>;
 using V = std::vector<ULong>;
 
 // Open flags of the tests: make, write, read.
-constexpr UInt kCreate = VM_FLAG_CREATE | VM_FLAG_MAPPED;
-constexpr UInt kWrite = VM_FLAG_MAPPED;
-constexpr UInt kRead = VM_FLAG_MAPPED | VM_FLAG_READ_ONLY;
+// The arena layer is tested without the array directory's tree.
+constexpr UInt kCreate = VM_FLAG_CREATE | VM_FLAG_MAPPED | kFlagNameScan;
+constexpr UInt kWrite = VM_FLAG_MAPPED | kFlagNameScan;
+constexpr UInt kRead = VM_FLAG_MAPPED | VM_FLAG_READ_ONLY | kFlagNameScan;
 constexpr UInt kNone = INVALID_RAW_BLOCK_ID;
 
 class ArenaTest : public ::testing::Test {
@@ -38,6 +39,11 @@ class ArenaTest : public ::testing::Test {
     void SetUp() override { QKLibInit("arenatest"); }
     void TearDown() override { VMArenaClose(arena); }
 
+    // The ID of the array named `name` in a generation, or -2.
+    Int Find(Int genID, const std::string &name) {
+        int create = 0;
+        return VMAArrayFind(arena, genID, name.data(), (UInt)name.size(), 0, &create, 0, 0);
+    }
     // Values in `width` bytes each, least significant first; the array
     // forms of the records.
     static std::string LE(List values, int width) {

@@ -348,7 +348,7 @@ TEST_F(VArrayTest, OldGenReadersBesideWriter) {
             std::string image = Read(id, OLDGEN, 4);
             UInt n = (UInt)image.size() / 4, k = (n - 1000) / 500;
             if (image != Elements(std::vector<UInt>(n, k), n)) faults++;
-            faults += NameServiceFind(arena, OLDGEN, "shared", 6) != id;
+            faults += Find(OLDGEN, "shared") != id;
             VMArenaOldGenRelease(arena);
         }
     };

@@ -1,0 +1,236 @@
+// PITree: random keys with shared prefixes against a map of every node,
+// through finds, enumerations below random prefixes and depths, commits and
+// a read-only reopen; leaves exploding into head nodes on the way.
+#include <algorithm>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "arena/arena_internal.h"
+#include "collection/collection_test.h"
+#include "collection/pitree_internal.h"
+
+namespace {
+
+using Key = std::vector<UInt>;
+using Model = std::map<Key, ULong>;  // every node and its data
+
+bool IsPrefix(const Key &p, const Key &k) {
+    return p.size() <= k.size() && std::equal(p.begin(), p.end(), k.begin());
+}
+
+bool HasSons(const Model &m, const Key &key) {
+    auto it = m.upper_bound(key);
+    return it != m.end() && it->first.size() > key.size() && IsPrefix(key, it->first);
+}
+
+// A removal: the key's data goes, then the key and each ancestor that is
+// left without data and without sons.
+void ModelRemove(Model &m, Key key) {
+    if (HasSons(m, key)) return void(m[key] = 0);
+    m.erase(key);
+    while (key.size() > 1) {
+        key.pop_back();
+        if (m[key] != 0 || HasSons(m, key)) return;
+        m.erase(key);
+    }
+}
+
+// The nodes an enumeration gives, in its order: sons before their parent.
+std::vector<std::pair<Key, ULong>> Expected(const Model &m, const Key &prefix, Int depth,
+                                            bool includePrefix, bool includeEmpty) {
+    std::vector<std::pair<Key, ULong>> out;
+    for (const auto &[key, data] : m) {
+        if (!IsPrefix(prefix, key) || (depth >= 0 && key.size() > prefix.size() + depth) ||
+            (key == prefix && !includePrefix) || (data == 0 && !includeEmpty))
+            continue;
+        out.push_back({key, data});
+    }
+    if (!prefix.empty() && !m.count(prefix)) out.clear();  // nothing below an absent prefix
+    std::sort(out.begin(), out.end(), [](const auto &a, const auto &b) {
+        if (IsPrefix(a.first, b.first) || IsPrefix(b.first, a.first))
+            return a.first.size() > b.first.size();
+        return a.first < b.first;
+    });
+    return out;
+}
+
+class PITreeTest : public CollectionTest {
+  protected:
+    void SetUp() override {
+        CollectionTest::SetUp();
+        td = PITreeThreadDataNew();
+        OpenTree(1);
+    }
+    void TearDown() override {
+        PITreeThreadDataFree(td);
+        PITreeFree(tree);
+        CollectionTest::TearDown();
+    }
+    void OpenTree(int create) {
+        PITreeFree(tree);
+        tree = PITreeNew(arena, path, "tree", &create, 0);
+        ASSERT_NE(tree, nullptr) << QKErrorMessage();
+    }
+    std::vector<std::pair<Key, ULong>> Enumerate(const Key &prefix, Int depth, Int genID,
+                                                 bool includePrefix, bool includeEmpty) {
+        PITreeEnumeration *e = PITreeEnumerationNew();
+        PITreeEnumerationInit(tree, e, prefix.data(), (UInt)prefix.size(), depth, genID,
+                              includePrefix, includeEmpty);
+        std::vector<std::pair<Key, ULong>> out;
+        const UInt *key;
+        UInt length;
+        ULong data;
+        while (PITreeEnumerationGetNext(e, &key, &length, &data))
+            out.push_back({Key(key, key + length), data});
+        PITreeEnumerationFree(e);
+        return out;
+    }
+    // Every node and the key count of a generation against the model.
+    void Expect(const Model &m, Int genID) {
+        ASSERT_EQ(Enumerate({}, -1, genID, 0, 1), Expected(m, {}, -1, 0, 1));
+        UInt withData = 0;
+        for (const auto &[key, data] : m) {
+            withData += data != 0;
+            ASSERT_EQ(PITreeFind(tree, td, key.data(), (UInt)key.size(), 0, genID, 0, 0, 0), data);
+        }
+        EXPECT_EQ(PITreeGetSize(tree, genID), withData);
+    }
+
+    PITreeThreadData *td = nullptr;
+    PITree *tree = nullptr;
+};
+
+TEST_F(PITreeTest, RandomAgainstModel) {
+    std::mt19937 rng(17);
+    Model model, committed;
+    EXPECT_TRUE(PITreeEmpty(tree, NEWGEN));
+    EXPECT_EQ(Enumerate({}, -1, NEWGEN, 1, 1).size(), 0u);
+    auto randomKey = [&] {
+        if (!model.empty() && rng() % 3 == 0) {
+            Key key = std::next(model.begin(), rng() % model.size())->first;
+            if (rng() % 2) key.push_back(rng() % 6);
+            return key;
+        }
+        Key key(rng() % 3 ? rng() % 6 + 1 : rng() % 40 + 1);
+        for (UInt &a : key) a = rng() % 3 ? rng() % 4 + 'a' : rng();
+        return key;
+    };
+    UInt explosions = 0;
+    for (int step = 0; step < 12000; step++) {
+        Key key = randomKey();
+        ULong data = rng() % 5 == 0 ? 0 : rng() % 3 ? rng() % 200 + 1 : (ULong)rng() << 40;
+        int op = rng() % 10;
+        UInt nodes = PIMTreeNodeCount(tree->head, NEWGEN);
+        if (op < 6) {
+            bool force = op == 0;
+            ULong got =
+                PITreeFind(tree, td, key.data(), (UInt)key.size(), data, NEWGEN, 1, 0, force);
+            for (size_t n = 1; n < key.size(); n++)
+                model.emplace(Key(key.begin(), key.begin() + n), 0);
+            ULong &m = model[key];
+            if (force || m == 0) m = data;
+            ASSERT_EQ(got, m) << step;
+        } else if (op < 9) {
+            auto it = model.find(key);
+            ULong had = it == model.end() ? 0 : it->second;
+            ASSERT_EQ(PITreeFind(tree, td, key.data(), (UInt)key.size(), 0, NEWGEN, 0, 1, 0), had);
+            if (it != model.end()) ModelRemove(model, key);
+        } else {
+            // Enumerations below a node, with every option.
+            Int depth = (Int)(rng() % 4) - 1;
+            bool withPrefix = rng() % 2, withEmpty = rng() % 2;
+            ASSERT_EQ(Enumerate(key, depth, NEWGEN, withPrefix, withEmpty),
+                      Expected(model, key, depth, withPrefix, withEmpty))
+                << step;
+        }
+        explosions += PIMTreeNodeCount(tree->head, NEWGEN) > nodes;
+        if (step % 2000 == 1999) {
+            Expect(model, NEWGEN);
+            Expect(committed, OLDGEN);
+            Commit();
+            PITreeCommit(tree);
+            committed = model;
+        }
+    }
+    EXPECT_GT(explosions, 3u);
+    Open(VM_FLAG_MAPPED | VM_FLAG_READ_ONLY);
+    OpenTree(0);
+    Expect(committed, OLDGEN);
+    Open(VM_FLAG_MAPPED);
+    OpenTree(0);
+    PITreeClear(tree, NEWGEN);
+    Expect({}, NEWGEN);
+}
+
+// A key that ends in the head keeps its data and its leaf's sons apart; the
+// last key of a leaf takes the leaf and its transition with it.
+TEST_F(PITreeTest, HeadAndLeafBoundaries) {
+    // Enough keys below 'x' to explode the leaf that holds them.
+    std::vector<Key> keys;
+    for (UInt i = 0; i < 1500; i++) keys.push_back({'x', i, i * 7});
+    for (const Key &k : keys) PITreeFind(tree, td, k.data(), 3, 5, NEWGEN, 1, 0, 0);
+    ASSERT_GT(PIMTreeNodeCount(tree->head, NEWGEN), 1u);
+    Key x = {'x'};
+    EXPECT_EQ(PITreeFind(tree, td, x.data(), 1, 9, NEWGEN, 1, 0, 0), 9u);
+    EXPECT_EQ(PITreeFind(tree, td, x.data(), 1, 0, NEWGEN, 0, 1, 0), 9u);
+    EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 1500u);
+    for (const Key &k : keys) PITreeFind(tree, td, k.data(), 3, 0, NEWGEN, 0, 1, 0);
+    EXPECT_TRUE(PITreeEmpty(tree, NEWGEN));
+    EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 0u);
+    // Every leaf is free again, and the next ones are taken from there.
+    UInt freed = VMAArrayLength(tree->free, NEWGEN);
+    EXPECT_GT(freed, 1u);
+    PITreeFind(tree, td, x.data(), 1, 1, NEWGEN, 1, 0, 0);
+    EXPECT_EQ(VMAArrayLength(tree->free, NEWGEN), freed - 1);
+}
+
+}  // namespace
+
+namespace {
+
+// The arena's array directory runs on a tree: 10,000 names found after a
+// read-only reopen, and an arena whose directory only scanned gains a tree
+// from its name table at its first writable open.
+TEST_F(CollectionTest, ArrayNamesThroughTheTree) {
+    auto make = [&](UInt from, UInt to) {
+        for (UInt i = from; i < to; i++) {
+            VMAArrayHandle h;
+            int create = 1;
+            std::string name = "n" + std::to_string(i * 7919);
+            ASSERT_TRUE(
+                VMAArrayInitFromPath(arena, &create, 0, 0, 0, path, "names", name.c_str(), &h) &&
+                create);
+        }
+    };
+    auto expectAll = [&](UInt count, Int genID) {
+        for (UInt i = 0; i < count; i++) {
+            std::string name = "c/names/n" + std::to_string(i * 7919);
+            int create = 0;
+            Int id = VMAArrayFind(arena, genID, name.data(), (UInt)name.size(), 0, &create, 0, 0);
+            ASSERT_TRUE(id > 0 && create == 0) << name;
+            int linear = 0;
+            ASSERT_EQ(VMAArrayFind(arena, genID, name.data(), (UInt)name.size(), 1, &linear, 0, 0),
+                      id);
+        }
+        int create = 0;
+        EXPECT_EQ(VMAArrayFind(arena, genID, "c/names/n1", 10, 0, &create, 0, 0), -2);
+    };
+    make(0, 10000);
+    Commit();
+    Open(VM_FLAG_MAPPED | VM_FLAG_READ_ONLY);
+    expectAll(10000, OLDGEN);
+
+    TempDir other;
+    std::swap(dir, other);
+    Open(VM_FLAG_CREATE | VM_FLAG_MAPPED | qk::arena::kFlagNameScan);
+    make(0, 50);
+    Commit();
+    Open(VM_FLAG_MAPPED);
+    expectAll(50, NEWGEN);
+    make(50, 60);
+    expectAll(60, NEWGEN);
+    std::swap(dir, other);
+}
+
+}  // namespace
