@@ -34,8 +34,8 @@ struct LmdbSide {
     MDB_dbi dbi;
 };
 
-// A fresh environment of one database with native integer keys.
-inline LmdbSide OpenLmdb(const std::string &what) {
+// A fresh environment of one database, by default with native integer keys.
+inline LmdbSide OpenLmdb(const std::string &what, unsigned flags = MDB_INTEGERKEY) {
     LmdbSide side;
     side.dir = DiskDir(what);
     RemoveDir(side.dir);
@@ -45,7 +45,7 @@ inline LmdbSide OpenLmdb(const std::string &what) {
     LMDB_CHECK(mdb_env_open(side.env, side.dir.c_str(), 0, 0600));
     MDB_txn *txn;
     LMDB_CHECK(mdb_txn_begin(side.env, nullptr, 0, &txn));
-    LMDB_CHECK(mdb_dbi_open(txn, nullptr, MDB_INTEGERKEY, &side.dbi));
+    LMDB_CHECK(mdb_dbi_open(txn, nullptr, flags, &side.dbi));
     LMDB_CHECK(mdb_txn_commit(txn));
     return side;
 }

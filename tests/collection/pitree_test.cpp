@@ -2,8 +2,10 @@
 // through finds, enumerations below random prefixes and depths, commits and
 // a read-only reopen; leaves exploding into head nodes on the way.
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "arena/arena_internal.h"
@@ -161,6 +163,43 @@ TEST_F(PITreeTest, RandomAgainstModel) {
     OpenTree(0);
     PITreeClear(tree, NEWGEN);
     Expect({}, NEWGEN);
+}
+
+// Readers of the committed image, each with its own thread data, beside a
+// writer that grows the tree (leaves explode) and commits: every key of the
+// first commit reads back with its data throughout.
+TEST_F(PITreeTest, OldGenerationReadersBesideTheWriter) {
+    auto key = [](UInt i) { return Key{'k', i % 7, i, i * 31}; };
+    for (UInt i = 0; i < 2000; i++) PITreeFind(tree, td, key(i).data(), 4, i + 1, NEWGEN, 1, 0, 0);
+    Commit();
+    PITreeCommit(tree);
+    std::atomic<bool> done{false};
+    std::atomic<UInt> faults{0};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 2; r++) {
+        readers.emplace_back([&, r] {
+            PITreeThreadData *own = PITreeThreadDataNew();
+            for (UInt i = r; !done; i = (i + 7) % 2000) {
+                VMArenaOldGenAcquire(arena);
+                faults += PITreeFind(tree, own, key(i).data(), 4, 0, OLDGEN, 0, 0, 0) != i + 1;
+                VMArenaOldGenRelease(arena);
+            }
+            PITreeThreadDataFree(own);
+        });
+    }
+    for (UInt i = 2000; i < 12000; i++) {
+        PITreeFind(tree, td, key(i).data(), 4, i + 1, NEWGEN, 1, 0, 0);
+        if (i % 2500 == 0) {
+            Commit();
+            VMArenaFlushCommitMemoryAcquire(arena);
+            PITreeCommit(tree);
+            VMArenaFlushCommitMemoryRelease(arena);
+        }
+    }
+    done = true;
+    for (std::thread &t : readers) t.join();
+    EXPECT_EQ(faults, 0u);
+    EXPECT_GT(PIMTreeNodeCount(tree->head, NEWGEN), 3u);  // leaves exploded
 }
 
 // A key that ends in the head keeps its data and its leaf's sons apart; the
