@@ -80,6 +80,10 @@ bool WriteOut(Log *log) {
 }
 
 bool StartFile(Log *log) {
+    if (log->fileno == 0) {  // the numbers ran out
+        QKErrorThrow(QK_ERR_FAILURE, QK_DOMAIN_GENERAL, "too many log files in \"%s\"", log->path);
+        return false;
+    }
     MakeFileName(&log->filename, log->path, log->fileno);
     log->fd =
         OpenFile(Name(log->filename), O_RDWR | O_CREAT | O_TRUNC, "error creating log file \"%s\"");
