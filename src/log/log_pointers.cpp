@@ -32,7 +32,8 @@ int HexDigit(char c) {
 // A status data line, without its '@': a new pointer, or none when the
 // line is not one.
 void *ParsePointer(const char *line, Int lineNumber, void *) {
-    const char *name = line + 2, *blank = line[0] == 'P' && line[1] == ' ' ? strchr(name, ' ') : 0;
+    bool tagged = line[0] == 'P' && line[1] == ' ';
+    const char *name = tagged ? line + 2 : line, *blank = tagged ? strchr(name, ' ') : nullptr;
     ULong serial = 0;
     int digits = 0;
     const char *p = blank ? blank + 1 : line;

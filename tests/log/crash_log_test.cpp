@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 
 #include <functional>
+#include <vector>
 
 #include "arena/crash_util.h"
 #include "qk/qkcommon.h"
@@ -20,17 +21,13 @@ std::string Payload(int i) {
     return std::to_string(i) + ":" + std::string(20 + i * 7 % 50, 'a' + i % 26);
 }
 
+// The child's count of records flushed, in memory it shares with the test.
+int *const gFlushed = static_cast<int *>(
+    mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+
 class LogCrashTest : public ::testing::Test {
   protected:
-    // The child's count of records flushed, in memory it shares.
-    void SetUp() override {
-        QKLibInit("logcrashtest");
-        void *page =
-            mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        ASSERT_NE(page, MAP_FAILED);
-        flushed_ = static_cast<int *>(page);
-    }
-    void TearDown() override { munmap(flushed_, sizeof(int)); }
+    void SetUp() override { QKLibInit("logcrashtest"); }
 
     // Writes records [from, to) with files of at most 300 bytes, flushing
     // every 5 and counting the flushed ones.
@@ -40,67 +37,74 @@ class LogCrashTest : public ::testing::Test {
             std::string p = Payload(i);
             if (!LogWrite(log, 3, p.data(), p.size(), nullptr)) return false;
             if (i % 5 == 4 && !LogFlush(log)) return false;
-            if (i % 5 == 4) *flushed_ = i + 1;
+            if (i % 5 == 4) *gFlushed = i + 1;
         }
         return true;
     }
     Log *Open(const ScratchDir &dir) { return LogOpen(dir.Path().c_str(), 0); }
 
-    // Runs `work` on a copy of golden_ in a child, cut at call `n` (0:
-    // never) before or after it, and gives the child's exit status.
-    int Cut(long n, bool after, const std::function<bool()> &work) {
+    // golden_: a log of `records` records, closed.
+    void Build(int records) {
+        Log *log = Open(golden_);
+        ASSERT_TRUE(log && Write(log, 0, records) && LogClose(log)) << QKErrorMessage();
+        flushedBefore_ = records;
+    }
+
+    // Opens a copy of golden_, runs `work` and closes it in a child cut at
+    // call `n` (0: never) before or after it; the child's exit status.
+    int Cut(long n, bool after, const std::function<bool(Log *)> &work) {
         if (!work_.CopyOf(golden_.Path())) return -1;
-        *flushed_ = flushedBefore_;
+        *gFlushed = flushedBefore_;
         return InChild([&] {
             CrashFaultArm(n, after);
-            bool ok = work();
+            Log *log = Open(work_);
+            bool ok = log && work(log) && LogClose(log);
             CrashFaultDisarm();
             return ok ? 0 : 1;
         });
     }
 
-    // "" when the log in work_ opens writable and holds records i to j - 1
-    // for some i <= `firstAtMost` and j >= the flushed count, and a record
-    // written after it reads back after a reopening.
+    // The record numbers of an open log from its first serial on; -1 for
+    // a record that is not the one of its number, -2 for a failed read.
+    static std::vector<int> Numbers(Log *log) {
+        LogReadContext *reader = LogReadContextNew(log);
+        std::vector<int> numbers;
+        std::string buffer(256, '\0');
+        ULong at = 0, last = LogLastSerial(log);
+        for (bool ok = LogFirstSerial(reader, 0, &at, 0, 0); ok && at <= last;) {
+            UInt action = 0, size = buffer.size();
+            ok = LogRead(reader, at, &action, buffer.data(), &size, &at, nullptr);
+            int n = ok && action == 3 ? std::stoi(buffer) : -2;
+            if (!ok || action == 3)
+                numbers.push_back(buffer.substr(0, size) == Payload(n) ? n : -1);
+        }
+        LogReadContextDelete(reader);
+        return numbers;
+    }
+
+    // "" when the log in work_ opens writable and holds records i to j - 1,
+    // i <= `firstAtMost` and j at least the flushed count, and a record
+    // written then is there after a reopening.
     std::string Verify(int firstAtMost) {
         Log *log = Open(work_);
         if (log == nullptr) return std::string("open: ") + QKErrorMessage();
-        LogReadContext *reader = LogReadContextNew(log);
-        std::string problem, buffer(256, '\0');
-        ULong at = 0, last = LogLastSerial(log);
-        int first = -1, next = -1;
-        bool ok = LogFirstSerial(reader, 0, &at, 0, 0);
-        while (ok && at <= last && problem.empty()) {
-            UInt action = 0, size = buffer.size();
-            ok = LogRead(reader, at, &action, buffer.data(), &size, &at, nullptr);
-            if (!ok || action != 3) continue;
-            if (next < 0) first = next = std::stoi(buffer);
-            if (buffer.substr(0, size) != Payload(next++))
-                problem = "record " + std::to_string(next);
-        }
-        if (!ok) problem = std::string("read: ") + QKErrorMessage();
-        if (problem.empty() && (first > firstAtMost || next < *flushed_))
-            problem = "records " + std::to_string(first) + " to " + std::to_string(next) +
-                      ", flushed " + std::to_string(*flushed_);
-        LogReadContextDelete(reader);
-        if (problem.empty() && !Write(log, next, next + 1))
-            problem = std::string("write: ") + QKErrorMessage();
-        if (!LogClose(log) && problem.empty()) problem = std::string("close: ") + QKErrorMessage();
-        if (problem.empty() && (log = Open(work_)) != nullptr) {
-            reader = LogReadContextNew(log);
-            UInt size = buffer.size();
-            if (!LogRead(reader, LogLastSerial(log), nullptr, buffer.data(), &size, nullptr,
-                         nullptr) ||
-                buffer.substr(0, size) != Payload(next))
-                problem = "the record written after the recovery is lost";
-            LogReadContextDelete(reader);
-            LogClose(log);
-        }
-        return problem;
+        std::vector<int> numbers = Numbers(log);
+        int next = numbers.empty() ? 0 : numbers.back() + 1, flushed = *gFlushed;
+        bool run = numbers.empty() || (numbers[0] >= 0 && numbers[0] <= firstAtMost);
+        for (size_t i = 1; i < numbers.size(); i++) run = run && numbers[i] == numbers[i - 1] + 1;
+        bool wrote = Write(log, next, next + 1);
+        LogClose(log);
+        numbers.push_back(next);
+        log = Open(work_);
+        bool kept = log != nullptr && Numbers(log) == numbers;
+        if (log != nullptr) LogClose(log);
+        if (run && next >= flushed && wrote && kept) return "";
+        return "records " + std::to_string(numbers[0]) + " to " + std::to_string(next - 1) +
+               ", flushed " + std::to_string(flushed);
     }
 
     // Cuts `work` at each of its calls; each cut must verify.
-    void CutEverywhere(const std::function<bool()> &work, int firstAtMost) {
+    void CutEverywhere(const std::function<bool(Log *)> &work, int firstAtMost) {
         ASSERT_EQ(Cut(0, false, work), 0);
         long count = CrashFaultCount(CRASH_OP_ANY);
         ASSERT_EQ(Verify(firstAtMost), "");
@@ -117,52 +121,34 @@ class LogCrashTest : public ::testing::Test {
     }
 
     ScratchDir golden_, work_;
-    int *flushed_ = nullptr;
     int flushedBefore_ = 0;
 };
 
 TEST_F(LogCrashTest, RotationsCutAnywhereKeepTheFlushedRecords) {
-    Log *log = Open(golden_);
-    ASSERT_TRUE(log && Write(log, 0, 3) && LogClose(log));
-    flushedBefore_ = 3;
-    CutEverywhere(
-        [&] {
-            Log *log = Open(work_);
-            return log && Write(log, 3, kRecords) && LogClose(log);
-        },
-        0);
+    Build(3);
+    CutEverywhere([&](Log *log) { return Write(log, 3, kRecords); }, 0);
 }
 
 TEST_F(LogCrashTest, TruncationByAPointerCutAnywhereKeepsTheTail) {
-    Log *log = Open(golden_);
-    ASSERT_TRUE(log && Write(log, 0, kRecords) && LogSetPointer(log, "reader", 1, "old", 1) &&
-                LogClose(log));
-    flushedBefore_ = kRecords;
-    auto truncate = [&] {
-        Log *log = Open(work_);
-        return log && LogSetAutoTruncate(log, 1) &&
-               LogSetPointer(log, "reader", LogLastSerial(log), "new", 1) && LogClose(log);
-    };
-    ASSERT_EQ(Cut(0, false, truncate), 0);
-    EXPECT_FALSE(fs::exists(work_ / "log.1"));
-    CutEverywhere(truncate, kRecords);
+    Build(kRecords);
+    CutEverywhere(
+        [&](Log *log) {
+            return LogSetAutoTruncate(log, 1) &&
+                   LogSetPointer(log, "reader", LogLastSerial(log), "v", 1) &&
+                   !fs::exists(work_ / "log.1");
+        },
+        kRecords);
 }
 
 // A torn tail, cut while the log opens and writes behind it.
 TEST_F(LogCrashTest, TheRecoveringOpenCutAnywhereKeepsTheWholeRecords) {
-    Log *log = Open(golden_);
-    ASSERT_TRUE(log && Write(log, 0, 12) && LogClose(log));
+    Build(12);
     int last = 1;
     while (fs::exists(golden_ / ("log." + std::to_string(last + 1)))) last++;
     std::string newest = golden_ / ("log." + std::to_string(last));
     fs::resize_file(newest, fs::file_size(newest) - 5);
-    flushedBefore_ = 10;
-    CutEverywhere(
-        [&] {
-            Log *log = Open(work_);
-            return log && Write(log, 11, 20) && LogClose(log);
-        },
-        0);
+    flushedBefore_ = 11;
+    CutEverywhere([&](Log *log) { return Write(log, 11, 20); }, 0);
 }
 
 }  // namespace

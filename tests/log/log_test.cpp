@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <random>
-#include <sstream>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "frame/file_test_dir.h"
@@ -38,15 +38,12 @@ std::string Error() {
     return std::to_string((UInt)code) + "/" + std::to_string(code >> 32) + " " + QKErrorMessage();
 }
 
-struct Rec {
-    ULong serial;
-    UInt action;
-    std::string payload;
-    bool operator==(const Rec &) const = default;
-    friend void PrintTo(const Rec &r, std::ostream *out) {
-        *out << std::hex << r.serial << std::dec << ":" << r.action << ":" << r.payload.size();
-    }
-};
+std::string Outcome(bool ok) {
+    return ok ? "ok" : Error();
+}
+
+// Serial, action and payload.
+using Rec = std::tuple<ULong, UInt, std::string>;
 
 class LogTest : public ::testing::Test {
   protected:
@@ -80,7 +77,7 @@ class LogTest : public ::testing::Test {
         UInt action = 0, size = room;
         if (!LogRead(reader, serial, &action, buffer.data(), &size, nullptr, previous))
             return Error();
-        return std::to_string(action) + ":" + buffer.substr(0, std::min(size, room)) +
+        return std::to_string(action) + ":" + buffer.substr(0, size) +
                (size > room ? "+" + std::to_string(size) : "");
     }
     // The callers' records, walked forwards from the first serial; the walk
@@ -103,6 +100,17 @@ class LogTest : public ::testing::Test {
         return forwards;
     }
 
+    // "name=serial:value " for each pointer.
+    std::string Pointers() {
+        std::string all;
+        auto add = [](const char *name, ULong serial, const char *value, void *out) {
+            *(std::string *)out +=
+                std::string(name) + "=" + std::to_string(serial) + ":" + (value ? value : "") + " ";
+        };
+        LogEnumeratePointers(log, add, &all);
+        return all;
+    }
+
     TempDir dir;
     Log *log = nullptr;
     LogReadContext *reader = nullptr;
@@ -110,13 +118,11 @@ class LogTest : public ::testing::Test {
 };
 
 TEST_F(LogTest, FilesAndRecordsAreByteExact) {
-    EXPECT_EQ(ReadWhole(dir / "log.1"), "");  // the header waits in the buffer
     EXPECT_EQ(LogLastSerial(log), LOG_SERIAL(1, 0));
     EXPECT_EQ(Write(7, "hello"), LOG_SERIAL(1, 32));
     ASSERT_TRUE(LogFlush(log));
     EXPECT_EQ(ReadWhole(dir / "log.1"), FileHeader(1, 0) + Record(7, 0, "hello"));
-    std::string header = Record(7, 0, "hello");
-    EXPECT_EQ(Le32(CheckSum(header.data(), "hello", 5)), header.substr(8, 4));
+    EXPECT_EQ(Le32(CheckSum(Record(7, 0, "hi").data(), "hi", 2)), Record(7, 0, "hi").substr(8, 4));
     // A clean close ends no file: the reopened log appends to it.
     Open();
     EXPECT_EQ(Write(8, ""), LOG_SERIAL(1, 53));
@@ -148,38 +154,38 @@ TEST_F(LogTest, ReadsAtTheEdgesAndTheirErrors) {
     EXPECT_LT(fs::file_size(dir / "log.2"), SERIAL_OFFSET(c));
     std::string unflushed = Read(c);
     ASSERT_TRUE(LogFlush(log));
-    LogReadContextDelete(reader);
-    reader = LogReadContextNew(log);
     EXPECT_EQ(Read(c), unflushed);
-    const std::pair<ULong, std::string> cases[] = {
-        {a, "5:alpha"},
-        {c + 21, "2/3 unavailable log serial number: 0x200000049"},  // the end
-        {0, "2/3 unavailable log serial number: 0x0"},
-        {LOG_SERIAL(7, 0), "2/3 unavailable log serial number: 0x700000000"},
-        {LOG_SERIAL(1, 900), "1/2 invalid log serial number: 0x100000384"},
-    };
-    for (const auto &[serial, expected] : cases) EXPECT_EQ(Read(serial), expected);
-    EXPECT_EQ(Read(a, 2), "5:al+5");  // too small: the true size, no check
+    // Damage in an older file is found by the reader.
+    std::string one = ReadWhole(dir / "log.1");
+    one[48] = 'A';
+    WriteWhole(dir / "log.1", one);
     ULong found = 0;
-    EXPECT_FALSE(LogFirstSerial(reader, c + 1, &found, 1, 20));
-    EXPECT_EQ(Error(), "2/2 timeout");
-    EXPECT_FALSE(LogFirstSerial(reader, c + 1, &found, 0, 0));
-    EXPECT_EQ(Error(), "2/3 unavailable log serial number: 0x200000035");
-    EXPECT_TRUE(LogFirstSerial(reader, a + 1, &found, 1, 0) && found == LOG_SERIAL(1, 53));
-    EXPECT_FALSE(LogWrite(log, 3, "", LOG_MAX_RECORD_SIZE, nullptr));
-    EXPECT_EQ(Error(), "22/0 Invalid argument");
-    // A deleted file's records are gone.
-    ASSERT_TRUE(LogTruncate(log, c));
-    EXPECT_EQ(Read(a), "2/3 unavailable log serial number: 0x100000020");
-    EXPECT_EQ(LogGetPointer(log, "none", nullptr), LOG_NO_SERIAL);
+    TempDir empty;
+    const std::pair<std::string, std::string> cases[] = {
+        {Read(a), "1/2 log record checksum mismatch"},
+        {Read(a, 2), "5:Al+5"},  // too small: the true size, no check
+        {Read(c + 21), "2/3 unavailable log serial number: 0x200000049"},  // the end
+        {Read(0), "2/3 unavailable log serial number: 0x0"},
+        {Read(LOG_SERIAL(7, 0)), "2/3 unavailable log serial number: 0x700000000"},
+        {Read(LOG_SERIAL(1, 900)), "1/2 invalid log serial number: 0x100000384"},
+        {Outcome(LogFirstSerial(reader, c + 1, &found, 1, 20)), "2/2 timeout"},
+        {Outcome(LogFirstSerial(reader, c + 1, &found, 0, 0)),
+         "2/3 unavailable log serial number: 0x200000035"},
+        {Outcome(LogFirstSerial(reader, a + 1, &found, 1, 0)), "ok"},
+        {std::to_string(found), std::to_string(LOG_SERIAL(1, 53))},
+        {Outcome(LogWrite(log, 3, "", LOG_MAX_RECORD_SIZE, nullptr)), "22/0 Invalid argument"},
+        {Outcome(LogTruncate(log, c)), "ok"},
+        {Read(a), "2/3 unavailable log serial number: 0x100000020"},  // in a deleted file
+        {std::to_string(LogGetPointer(log, "none", nullptr)), std::to_string(LOG_NO_SERIAL)},
+        {Outcome(LogOpen(empty.Path().c_str(), 1)),
+         "2/0 empty log directory \"" + empty.Path() + "\""},
+    };
+    for (const auto &[outcome, expected] : cases) EXPECT_EQ(outcome, expected);
     LogWaitClients(log, LOG_NO_SERIAL - 1);  // no pointers: at once
     Open(true);
-    EXPECT_FALSE(LogWrite(log, 3, "x", 1, nullptr) || LogTruncate(log, c) ||
-                 LogSetParameter(log, 'a', 1));
-    EXPECT_EQ(Error(), "22/0 read-only log");
-    TempDir empty;
-    EXPECT_EQ(LogOpen(empty.Path().c_str(), 1), nullptr);
-    EXPECT_EQ(Error(), "2/0 empty log directory \"" + empty.Path() + "\"");
+    for (bool ok : {LogWrite(log, 3, "x", 1, nullptr) != 0, LogTruncate(log, c) != 0,
+                    LogSetParameter(log, 'a', 1) != 0})
+        EXPECT_EQ(Outcome(ok), "22/0 read-only log");
 }
 
 TEST_F(LogTest, RandomWritesRotationsAndReadsMatchAModel) {
@@ -192,12 +198,11 @@ TEST_F(LogTest, RandomWritesRotationsAndReadsMatchAModel) {
             for (char &c : payload) c = (char)rng();
             Write(3 + rng() % 9, payload);
         } else if (op < 94) {
-            const Rec &r = model[rng() % model.size()];
-            UInt room = rng() % 4 ? r.payload.size() : rng() % (r.payload.size() + 1);
-            std::string fit = r.payload.substr(0, room);
-            EXPECT_EQ(Read(r.serial, room),
-                      std::to_string(r.action) + ":" + fit +
-                          (room < r.payload.size() ? "+" + std::to_string(r.payload.size()) : ""));
+            const auto &[serial, action, payload] = model[rng() % model.size()];
+            UInt room = rng() % 4 ? payload.size() : rng() % (payload.size() + 1);
+            EXPECT_EQ(Read(serial, room),
+                      std::to_string(action) + ":" + payload.substr(0, room) +
+                          (room < payload.size() ? "+" + std::to_string(payload.size()) : ""));
         } else if (op < 97) {
             EXPECT_TRUE(LogFlush(log));
         } else if (op < 98) {
@@ -219,13 +224,13 @@ TEST_P(LogDamageTest, OpenKeepsTheWholeRecordsBeforeTheDamage) {
     Close();
     const std::string pristine = ReadWhole(dir / "log.1");
     const std::vector<Rec> all = model;
-    for (size_t k = SERIAL_OFFSET(all[2].serial); k < pristine.size(); k++) {
+    for (size_t k = SERIAL_OFFSET(std::get<0>(all[2])); k < pristine.size(); k++) {
         std::string bytes = pristine.substr(0, GetParam() ? pristine.size() : k);
         if (GetParam()) bytes[k] ^= (char)(1 << (k % 8));
         WriteWhole(dir / "log.1", bytes);
         model.clear();
         for (const Rec &r : all)
-            if (SERIAL_OFFSET(r.serial) + 16 + r.payload.size() <= k) model.push_back(r);
+            if (SERIAL_OFFSET(std::get<0>(r)) + 16 + std::get<2>(r).size() <= k) model.push_back(r);
         Open();
         EXPECT_EQ(Records(), model) << "at " << k;
         Write(9, "next");
@@ -244,34 +249,29 @@ TEST_F(LogTest, ABadNewestHeaderGivesWayToTheFileBefore) {
     LogSetMaxFileSize(log, 60);
     Write(3, "two");
     Close();
-    const std::string one = ReadWhole(dir / "log.1"), two = ReadWhole(dir / "log.2");
-    std::string badMagic = two;
+    const std::string one = ReadWhole(dir / "log.1");
+    std::string badMagic = ReadWhole(dir / "log.2");
     badMagic[20] ^= 1;
     const UInt eof = one.size() - 16;
-    struct Case {
-        std::string log1, log2;
-        bool readOnly;
-        std::string expected;
-    } cases[] = {
-        {one, badMagic, false, "one last 200000000"},
-        {one, "", false, "one last 200000000"},  // cut while being made
-        {one, badMagic, true, "one last 1000000" + (std::stringstream() << std::hex << eof).str()},
-        {one.substr(0, eof), badMagic, false,
-         "0/2 corrupted log file \"" + dir.Path() + "/log.1\""},
+    const std::string newLog = "one " + std::to_string(LOG_SERIAL(2, 0));
+    const std::tuple<std::string, std::string, bool, std::string> cases[] = {
+        {one, badMagic, false, newLog},
+        {one, "", false, newLog},  // cut while being made
+        {one, badMagic, true, "one " + std::to_string(LOG_SERIAL(1, eof))},
+        {one.substr(0, eof), badMagic, false, "0/2 corrupted log file \"" + dir / "log.1\""},
     };
-    for (const Case &c : cases) {
-        WriteWhole(dir / "log.1", c.log1);
-        WriteWhole(dir / "log.2", c.log2);
-        log = LogOpen(dir.Path().c_str(), c.readOnly);
-        std::string outcome = log ? "" : Error();
+    for (const auto &[log1, log2, readOnly, expected] : cases) {
+        WriteWhole(dir / "log.1", log1);
+        WriteWhole(dir / "log.2", log2);
+        std::string outcome = (log = LogOpen(dir.Path().c_str(), readOnly)) ? "" : Error();
         if (log != nullptr) {
             reader = LogReadContextNew(log);
-            for (const Rec &r : Records()) outcome += r.payload + " ";
-            outcome += (std::stringstream() << "last " << std::hex << LogLastSerial(log)).str();
+            for (const Rec &r : Records()) outcome += std::get<2>(r) + " ";
+            outcome += std::to_string(LogLastSerial(log));
             Close();
-            EXPECT_EQ(c.readOnly || ReadWhole(dir / "log.2") == FileHeader(2, eof), true);
+            EXPECT_TRUE(readOnly || ReadWhole(dir / "log.2") == FileHeader(2, eof));
         }
-        EXPECT_EQ(outcome, c.expected);
+        EXPECT_EQ(outcome, expected);
     }
 }
 
@@ -289,19 +289,12 @@ TEST_F(LogTest, PointersLiveInTheStatusFileAndTruncateTheLog) {
     EXPECT_FALSE(fs::exists(dir / "log.1") || !fs::exists(dir / "log.2"));
     EXPECT_TRUE(LogSetPointer(log, "temp", 1, nullptr, 0) &&
                 LogSetPointer(log, "reader", LOG_NO_SERIAL, nullptr, 0));
-    std::string pointers;
-    auto list = [](const char *name, ULong serial, const char *value, void *out) {
-        *(std::string *)out +=
-            std::string(name) + "=" + std::to_string(serial) + (value ? value : "");
-    };
-    LogEnumeratePointers(log, list, &pointers);
-    EXPECT_EQ(pointers, "reader=12884901920v 1");
+    EXPECT_EQ(Pointers(), "reader=12884901920:v 1 ");
     EXPECT_FALSE(fs::exists(dir / "log.2"));
     // Pointers that were saved come back; lines that are none are skipped.
     Open();
     const char *value = nullptr;
-    EXPECT_EQ(LogGetPointer(log, "reader", &value), s[1]);
-    EXPECT_STREQ(value, "v 1");
+    EXPECT_TRUE(LogGetPointer(log, "reader", &value) == s[1] && std::string(value) == "v 1");
     EXPECT_EQ(LogGetParameter(log, 'x'), 5u);
     std::thread waiter([&] { LogWaitClients(log, s[3]); });
     EXPECT_TRUE(LogSetPointer(log, "reader", s[3], nullptr, 1));
@@ -309,37 +302,31 @@ TEST_F(LogTest, PointersLiveInTheStatusFileAndTruncateTheLog) {
     Close();
     WriteWhole(dir / "status.txt", "@Q\n@P x zz\n@P y 10\n@P  1\n");
     Open();
-    pointers.clear();
-    LogEnumeratePointers(log, list, &pointers);
-    EXPECT_EQ(pointers, "y=16");
+    EXPECT_EQ(Pointers(), "y=16: ");
 }
 
 TEST_F(LogTest, WritersAndAWaitingReaderAgree) {
-    constexpr int kThreads = 3, kEach = 400;
+    constexpr UInt kThreads = 3, kEach = 400;
     LogSetMaxFileSize(log, 4096);
     std::thread follower([&] {
         LogReadContext *context = LogReadContextNew(log);
-        int seen[kThreads] = {}, total = 0;
-        for (ULong at = 0, found; total < kThreads * kEach;) {
-            char text[32] = "";
-            UInt action = 0, size = sizeof text - 1, t, n;
+        UInt seen[kThreads] = {}, total = 0, got[2], action, size;
+        for (ULong at = 0, found; total < kThreads * kEach; total += action == 3) {
+            size = sizeof got;
             ASSERT_TRUE(LogFirstSerial(context, at, &found, 1, 20000) &&
-                        LogRead(context, found, &action, text, &size, &at, nullptr))
+                        LogRead(context, found, &action, got, &size, &at, nullptr))
                 << Error();
-            if (action != 3) continue;
-            ASSERT_EQ(sscanf(text, "%u %u", &t, &n), 2);
-            EXPECT_EQ(n, (UInt)seen[t]++);
-            total++;
+            EXPECT_TRUE(action != 3 || (got[0] < kThreads && got[1] == seen[got[0]]++));
         }
         LogReadContextDelete(context);
     });
     std::vector<std::thread> writers;
-    for (int t = 0; t < kThreads; t++) {
+    for (UInt t = 0; t < kThreads; t++) {
         writers.emplace_back([&, t] {
-            for (int n = 0; n < kEach; n++) {
-                std::string text = std::to_string(t) + " " + std::to_string(n);
-                EXPECT_TRUE(LogWrite(log, 3, text.data(), text.size(), nullptr));
-                EXPECT_TRUE(n % 50 || LogFlush(log));
+            for (UInt n = 0; n < kEach; n++) {
+                UInt record[2] = {t, n};
+                EXPECT_TRUE(LogWrite(log, 3, record, sizeof record, nullptr) &&
+                            (n % 50 || LogFlush(log)));
             }
         });
     }
