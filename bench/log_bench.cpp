@@ -110,16 +110,14 @@ int registered = [] {
     };
     const std::string group = "log/append-100k-100B-sync-1000";
     slow(benchmark::RegisterBenchmark(Name(group, "qk").c_str(), AppendLog));
-    slow(benchmark::RegisterBenchmark(
-        Name(group, "rocksdb-wal").c_str(), [](benchmark::State &s) {
-            AppendRocksDB(s, [](rocksdb::WriteBatch *b, const std::string &r) { b->PutLogData(r); });
-        }));
-    slow(benchmark::RegisterBenchmark(
-        Name(group, "rocksdb-put").c_str(), [](benchmark::State &s) {
-            AppendRocksDB(s, [](rocksdb::WriteBatch *b, const std::string &r) {
-                b->Put(rocksdb::Slice(r.data(), 8), rocksdb::Slice(r.data() + 8, r.size() - 8));
-            });
-        }));
+    slow(benchmark::RegisterBenchmark(Name(group, "rocksdb-wal").c_str(), [](benchmark::State &s) {
+        AppendRocksDB(s, [](rocksdb::WriteBatch *b, const std::string &r) { b->PutLogData(r); });
+    }));
+    slow(benchmark::RegisterBenchmark(Name(group, "rocksdb-put").c_str(), [](benchmark::State &s) {
+        AppendRocksDB(s, [](rocksdb::WriteBatch *b, const std::string &r) {
+            b->Put(rocksdb::Slice(r.data(), 8), rocksdb::Slice(r.data() + 8, r.size() - 8));
+        });
+    }));
     return 0;
 }();
 
