@@ -303,6 +303,11 @@ TEST_F(LogTest, PointersLiveInTheStatusFileAndTruncateTheLog) {
     WriteWhole(dir / "status.txt", "@Q\n@P x zz\n@P y 10\n@P  1\n");
     Open();
     EXPECT_EQ(Pointers(), "y=16: ");
+    fs::remove(dir / "log.3");  // gone behind the log's back: skipped
+    ULong found = 0;
+    EXPECT_TRUE(LogFirstSerial(reader, 0, &found, 0, 0) && found == LOG_SERIAL(4, 0));
+    Close();
+    EXPECT_TRUE(LogDelete(dir.Path().c_str()) && !fs::exists(dir / "log.5"));
 }
 
 TEST_F(LogTest, WritersAndAWaitingReaderAgree) {
