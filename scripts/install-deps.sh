@@ -13,7 +13,7 @@ packages=(
 )
 bench_packages=(
     libbenchmark-dev libxxhash-dev libicu-dev
-    robin-map-dev libcmph-dev wamerican liblmdb-dev
+    robin-map-dev libcmph-dev wamerican liblmdb-dev librocksdb-dev
     wrk nginx-light
 )
 dev_packages=(

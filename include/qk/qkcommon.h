@@ -11,6 +11,7 @@
 #include "qk/fingerprint.h"
 #include "qk/frame.h"
 #include "qk/hash.h"
+#include "qk/log.h"
 #include "qk/memory.h"
 #include "qk/normal.h"
 #include "qk/pictree.h"
