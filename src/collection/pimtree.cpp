@@ -31,11 +31,14 @@ UInt HeadIndex(PIMTree *tree, UInt node, Int genID) {
 }
 
 void NodeRun(PIMTree *tree, UInt node, UInt *first, UInt *end, Int genID) {
-    UInt state = node;
+    UInt state = node, upBound;
     PIMTree *pimTree = tree;
     PIM_CHECK(tree, (state + 1) < VMAArrayLength(pimTree->headIndex, genID),
               "(state + 1) < VMAArrayLength(pimTree->headIndex, genID)");
-    UInt s = HeadIndex(tree, node, genID), e = HeadIndex(tree, node + 1, genID);
+    const UInt *p = VMAArrayRange(tree->headIndex, node, &upBound, genID, 1);
+    PIM_CHECK(tree, p != nullptr && node < upBound, "n < __upBound__");
+    // Both entries at once, unless a block ends between them.
+    UInt s = p[0], e = node + 1 < upBound ? p[1] : HeadIndex(tree, node + 1, genID);
     PIM_CHECK(tree, s <= e, "s <= e");
     PIM_CHECK(tree, e <= VMAArrayLength(tree->trans, genID), "((state)) < __arraylen__");
     *first = s;

@@ -9,17 +9,25 @@
 // without sons and without data is left on the removed key's path; the node
 // records themselves stay in transIndex, unreachable and empty.
 #include "collection/pimtree_internal.h"
+#include "frame/endian.h"
 
 using namespace qk::pimtree;
 
 namespace {
 
-// The index of `atom` in the run [lo, hi), or where it would go.
+// The index of `atom` in the run [lo, hi), or where it would go. A run
+// that lies in one block of `trans` is searched in place.
 UInt Search(PIMTree *tree, UInt lo, UInt hi, UInt atom, Int genID, bool *found) {
     *found = false;
+    if (lo == hi) return lo;
+    UInt upBound;
+    const PIMTreeRecord *run = VMAArrayRange(tree->trans, lo, &upBound, genID, 1);
+    bool inPlace = run != nullptr && hi <= upBound;
+    UInt base = lo;
     while (lo < hi) {
         UInt mid = (lo + hi) >> 1;
-        UInt at = TransAt(tree, mid, genID).atom;
+        UInt at =
+            inPlace ? qk::LoadLE32(run[mid - base].bytes + 8) : TransAt(tree, mid, genID).atom;
         if (at == atom) {
             *found = true;
             return mid;

@@ -27,6 +27,7 @@ struct PITreeEnumeration {
     std::vector<Frame> stack;
     std::vector<UInt> key;
     PtrArray acquired;
+    PITreeThreadData *td;  // for finding the prefix
 };
 
 namespace {
@@ -51,6 +52,7 @@ extern "C" {
 QK_API PITreeEnumeration *PITreeEnumerationNew(void) {
     auto *e = new PITreeEnumeration{};
     ArrayInit(e->acquired);
+    e->td = PITreeThreadDataNew();
     e->finished = true;
     return e;
 }
@@ -59,6 +61,7 @@ QK_API void PITreeEnumerationFree(PITreeEnumeration *e) {
     if (e == nullptr) return;
     while (!e->stack.empty()) Pop(e);
     ArrayFree(e->acquired);
+    PITreeThreadDataFree(e->td);
     delete e;
 }
 
@@ -81,10 +84,8 @@ QK_API void PITreeEnumerationInit(PITree *tree, PITreeEnumeration *e, const UInt
         e->finished = false;
         return;
     }
-    PIMTreeThreadData *pim = PIMTreeThreadDataNew();
-    PIMTreeResult head =
-        PIMTreeFind(tree->head, pim, prefix, prefixLength, 0, 0, 0, 0, 0, nullptr, nullptr, genID);
-    PIMTreeThreadDataFree(pim);
+    PIMTreeResult head = PIMTreeFind(tree->head, e->td->pim, prefix, prefixLength, 0, 0, 0, 0, 0,
+                                     nullptr, nullptr, genID);
     if (!head.found) return;
     if (head.internal) {
         Push(e, PITreeStateOfNode(tree, head.to, genID, &e->acquired), head.data);
@@ -97,12 +98,10 @@ QK_API void PITreeEnumerationInit(PITree *tree, PITreeEnumeration *e, const UInt
     ULong data = head.data;
     end = length;
     if (head.matched < prefixLength) {
-        PICTreeThreadData *pic = PICTreeThreadDataNew();
         int found = 0;
-        data = PICTreeFind(tree->arena, buffer, length, pic, nullptr, nullptr, nullptr,
+        data = PICTreeFind(tree->arena, buffer, length, e->td->pic, nullptr, nullptr, nullptr,
                            prefix + head.matched, prefixLength - head.matched, 0, &offset, &end, 0,
                            0, 0, &found, nullptr, nullptr, genID);
-        PICTreeThreadDataFree(pic);
         if (!found) {
             DBArrayRelease(tree->leaf, genID, 1, (void *)buffer);
             ArrayClear(e->acquired);

@@ -24,7 +24,7 @@ QK_API size_t VarIntWrite(UByte *out, size_t capacity, ULong value) {
     return size;
 }
 
-QK_API size_t VarIntRead(const UByte *in, size_t available, ULong *value) {
+QK_API size_t VarIntReadLong(const UByte *in, size_t available, ULong *value) {
     ULong result = 0;
     for (size_t i = 0; i < available && i < kVarIntMaxSize; i++) {
         ULong group = in[i] >> 1;

@@ -22,10 +22,20 @@ QK_API size_t VarIntSize(ULong value);
 // bytes written, or 0 (and writes nothing) when they do not fit.
 QK_API size_t VarIntWrite(UByte *out, size_t capacity, ULong value);
 
+// VarIntRead's general case, out of line.
+QK_API size_t VarIntReadLong(const UByte *in, size_t available, ULong *value);
+
 // Reads a number from at most `available` bytes at `in`. Returns the bytes
 // read, or 0 when the number is cut short, takes more than 10 bytes, or
-// does not fit in 64 bits; `*value` is then left alone.
-QK_API size_t VarIntRead(const UByte *in, size_t available, ULong *value);
+// does not fit in 64 bits; `*value` is then left alone. A one-byte number,
+// the common case in the trees' buffers, is read inline.
+inline size_t VarIntRead(const UByte *in, size_t available, ULong *value) {
+    if (available > 0 && !(in[0] & 1)) {
+        *value = in[0] >> 1;
+        return 1;
+    }
+    return VarIntReadLong(in, available, value);
+}
 
 // The same for numbers known to be whole and no wider than 32 bits, as in
 // memory that this process wrote itself: no bounds, no checks.

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 
+#include "arena/arena_internal.h"
 #include "arena/block_read.h"
 #include "fuzz_util.h"
 
@@ -89,10 +90,13 @@ void ReadThrough(VMArena *arena) {
     }
 }
 
+// The array directory scans the name table: a writable open would make the
+// directory's tree in an arena whose allocator the input may have damaged
+// (the tree's own damage has a target of its own).
 void Open(const std::string &dir, UInt flags) {
     QKErrorClear();
-    VMArena *arena = VMArenaOpen(dir.c_str(), flags | VM_FLAG_MAPPED, 1, STATUS_NO_SERIAL,
-                                 STATUS_NO_SERIAL, nullptr, nullptr);
+    VMArena *arena = VMArenaOpen(dir.c_str(), flags | VM_FLAG_MAPPED | qk::arena::kFlagNameScan, 1,
+                                 STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, nullptr);
     FUZZ_CHECK(arena != nullptr || QKErrorCode() != 0);
     if (arena == nullptr) return;
     ReadThrough(arena);
