@@ -27,6 +27,20 @@ QK_API size_t VarIntWrite(UByte *out, size_t capacity, ULong value);
 // does not fit in 64 bits; `*value` is then left alone.
 QK_API size_t VarIntRead(const UByte *in, size_t available, ULong *value);
 
+// VarIntRead with the cases of one and two bytes inline, for walks over
+// many small numbers.
+inline size_t VarIntReadInline(const UByte *in, size_t available, ULong *value) {
+    if (available > 0 && !(in[0] & 1)) {
+        *value = in[0] >> 1;
+        return 1;
+    }
+    if (available > 1 && !(in[1] & 1)) {
+        *value = (ULong)(in[0] >> 1) | (ULong)(in[1] >> 1) << 7;
+        return 2;
+    }
+    return VarIntRead(in, available, value);
+}
+
 // The same for numbers known to be whole and no wider than 32 bits, as in
 // memory that this process wrote itself: no bounds, no checks.
 inline UInt VarIntReadTrusted32(const UByte *in, size_t *length) {
