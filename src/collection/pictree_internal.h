@@ -1,7 +1,10 @@
 // The PICTree's private pieces: the reader of one entry that every walk
-// shares, the thread data, and the rewrite of a buffer around one change.
+// shares (inline, as a find reads many entries), the thread data, and the
+// rewrite of a buffer around one change. Every number is read within the
+// run or entry that holds it: no walk ever reads outside its buffer.
 #pragma once
 
+#include "container/varint.h"
 #include "qk/frame.h"
 #include "qk/pictree.h"
 
@@ -34,9 +37,35 @@ struct Run {
 // Reads the atom and size of the entry at run.at and steps the run over it.
 // Returns null, or the text of what does not fit: a number cut short, an
 // entry past its run's end, an atom not above the one before.
-const char *Next(const UByte *buffer, Run &run, Entry &entry);
+inline const char *Next(const UByte *buffer, Run &run, Entry &entry) {
+    ULong atom, size;
+    size_t atomLength = VarIntRead(buffer + run.at, run.end - run.at, &atom);
+    if (atomLength == 0 || atom >= kNoAtom) return "atom read within its run";
+    UInt sizeAt = run.at + (UInt)atomLength;
+    size_t sizeLength = VarIntRead(buffer + sizeAt, run.end - sizeAt, &size);
+    if (sizeLength == 0) return "size read within its run";
+    if (size > run.end - sizeAt - sizeLength) return "entry end <= run end";
+    if (atom <= run.last && run.last != kNoAtom)
+        return "lastAtom == UINT_MAX_VALUE || atom > lastAtom";
+    entry.start = run.at;
+    entry.sizeAt = sizeAt;
+    entry.sizeLength = (UInt)sizeLength;
+    entry.size = (UInt)size;
+    entry.end = sizeAt + (UInt)(sizeLength + size);
+    entry.atom = (UInt)atom;
+    run.last = atom;
+    run.at = entry.end;
+    return nullptr;
+}
+
 // Reads the data of an entry that Next gave; it must lie inside the entry.
-const char *ReadData(const UByte *buffer, Entry &entry);
+inline const char *ReadData(const UByte *buffer, Entry &entry) {
+    UInt at = entry.sizeAt + entry.sizeLength;
+    size_t length = VarIntRead(buffer + at, entry.end - at, &entry.data);
+    if (length == 0) return "data read within its entry";
+    entry.sons = at + (UInt)length;
+    return nullptr;
+}
 
 // Whether every entry of the buffer, at every depth, reads cleanly.
 QK_API bool Validate(const UByte *buffer, UInt length);

@@ -27,12 +27,16 @@ QK_API size_t VarIntReadLong(const UByte *in, size_t available, ULong *value);
 
 // Reads a number from at most `available` bytes at `in`. Returns the bytes
 // read, or 0 when the number is cut short, takes more than 10 bytes, or
-// does not fit in 64 bits; `*value` is then left alone. A one-byte number,
-// the common case in the trees' buffers, is read inline.
+// does not fit in 64 bits; `*value` is then left alone. Numbers of one and
+// two bytes, most of those in the trees' buffers, are read inline.
 inline size_t VarIntRead(const UByte *in, size_t available, ULong *value) {
     if (available > 0 && !(in[0] & 1)) {
         *value = in[0] >> 1;
         return 1;
+    }
+    if (available > 1 && !(in[1] & 1)) {
+        *value = (ULong)(in[0] >> 1) | (ULong)(in[1] >> 1) << 7;
+        return 2;
     }
     return VarIntReadLong(in, available, value);
 }

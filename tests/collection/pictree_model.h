@@ -13,17 +13,19 @@ namespace pictest {
 using Key = std::vector<UInt>;
 using Model = std::map<Key, ULong>;
 
-// Adds every node of the buffer to `model`, below `prefix`.
-inline void Walk(const UByte *buffer, UInt length, Key &prefix, Model &model) {
+// Every node of the buffer, below `prefix`.
+inline Model Walk(const UByte *buffer, UInt length, Key prefix = {}) {
+    Model model;
     PICTreeSonArray sons = {};
     PICTreeExplodes(nullptr, buffer, length, &sons);
     for (UInt i = 0; i < sons.length; i++) {
         prefix.push_back(sons.data[i].atom);
         model[prefix] = sons.data[i].data;
-        Walk(sons.data[i].sons, sons.data[i].sonsLength, prefix, model);
+        model.merge(Walk(sons.data[i].sons, sons.data[i].sonsLength, prefix));
         prefix.pop_back();
     }
     ArrayFree(sons);
+    return model;
 }
 
 // The nodes strictly below `key`.

@@ -10,12 +10,6 @@ using namespace pictest;
 
 namespace {
 
-Model Contents(const UByte *buffer, UInt length, Key prefix = {}) {
-    Model model;
-    Walk(buffer, length, prefix, model);
-    return model;
-}
-
 // The key's data, whether it is there, and the nodes of its sons' region.
 void CheckFind(const UByte *buffer, UInt length, const Model &model, const Key &key) {
     UInt from = 0, to = 0;
@@ -25,7 +19,7 @@ void CheckFind(const UByte *buffer, UInt length, const Model &model, const Key &
                     (UInt)key.size(), 0, &from, &to, 0, 0, 0, &found, nullptr, nullptr, OLDGEN);
     FUZZ_CHECK(data == DataOf(model, key) && found == (int)model.count(key));
     FUZZ_CHECK(from <= to && to <= length &&
-               Contents(buffer + from, to - from, key) == Below(model, key));
+               Walk(buffer + from, to - from, key) == Below(model, key));
 }
 
 // Inserts (remove false) or removes the key, checks the new buffer against
@@ -42,7 +36,7 @@ void Change(PICTreeThreadData *td, const UByte *&buffer, UInt &length, Model &mo
                 nullptr, NEWGEN);
     FUZZ_CHECK(rewrite == (model != before));
     if (!rewrite) return;
-    FUZZ_CHECK(qk::pictree::Validate(out, outLength) && Contents(out, outLength) == model);
+    FUZZ_CHECK(qk::pictree::Validate(out, outLength) && Walk(out, outLength) == model);
     buffer = out;
     length = outLength;
 }
@@ -54,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > (1 << 20) || !qk::pictree::Validate(data, (UInt)size)) return 0;
     const UByte *buffer = data;
     UInt length = (UInt)size;
-    Model model = Contents(buffer, length);
+    Model model = Walk(buffer, length);
     // Up to five of its keys, each also with one atom more and with its last
     // atom stepped, and a key of one atom.
     std::vector<Key> keys = {{(UInt)size}};
