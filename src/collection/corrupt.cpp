@@ -5,7 +5,7 @@
 namespace qk::collection {
 
 void Corrupt(VMArena *arena, const char *text, const char *file, int line) {
-    VMArenaTagCorrupted(arena);
+    if (arena != nullptr) VMArenaTagCorrupted(arena);
     qkassert_(text, file, line);
 }
 

@@ -1,6 +1,6 @@
-// Impossible contents in a persistent collection: the arena is tagged
-// corrupted, so that it is not committed again, and the assertion ends the
-// process with `text`.
+// Impossible contents in a persistent collection: the arena (when there is
+// one) is tagged corrupted, so that it is not committed again, and the
+// assertion ends the process with `text`.
 #pragma once
 
 #include "qk/arena.h"

@@ -1,14 +1,8 @@
-// Checking a whole buffer, and the end of a walk through a buffer that does
-// not read: the arena tagged, then the assertion.
+// Checking a whole buffer.
 #include "collection/pictree_internal.h"
 #include "container/varint.h"
 
 namespace qk::pictree {
-
-void Corrupt(VMArena *arena, const char *text, const char *file, int line) {
-    if (arena != nullptr) VMArenaTagCorrupted(arena);
-    qkassert_(text, file, line);
-}
 
 QK_API bool Validate(const UByte *buffer, UInt length) {
     // The runs still open, innermost last: each entry read opens its sons'.

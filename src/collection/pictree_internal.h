@@ -4,6 +4,7 @@
 // run or entry that holds it: no walk ever reads outside its buffer.
 #pragma once
 
+#include "collection/corrupt.h"
 #include "container/varint.h"
 #include "qk/frame.h"
 #include "qk/pictree.h"
@@ -71,12 +72,11 @@ inline const char *ReadData(const UByte *buffer, Entry &entry) {
 QK_API bool Validate(const UByte *buffer, UInt length);
 
 // Tags the arena (if any) corrupted, then the assertion.
-[[noreturn]] void Corrupt(VMArena *arena, const char *text, const char *file, int line);
-#define PIC_CHECK(arena, reading)                                           \
-    do {                                                                    \
-        const char *qk_failure_ = (reading);                                \
-        if (qk_failure_ != nullptr)                                         \
-            qk::pictree::Corrupt((arena), qk_failure_, __FILE__, __LINE__); \
+#define PIC_CHECK(arena, reading)                                              \
+    do {                                                                       \
+        const char *qk_failure_ = (reading);                                   \
+        if (qk_failure_ != nullptr)                                            \
+            qk::collection::Corrupt((arena), qk_failure_, __FILE__, __LINE__); \
     } while (0)
 
 // Writes `length` bytes of `buffer` into `out` with bytes [from, to)
