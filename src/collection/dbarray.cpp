@@ -63,19 +63,34 @@ UInt BucketSize(DBArrayBucket &bucket, Int genID) {
 }
 
 bool Locate(DBArrayBucket &bucket, UInt handle, Int genID, UInt *block, UInt *place) {
-    if (!VMAArrayExists(bucket.index, genID) || handle / 64 >= VMAArrayLength(bucket.index, genID))
-        return false;
-    UInt upBound, blocks = BlockCount(bucket, genID);
-    const UInt *entry = VMAArrayRange(bucket.index, handle / 64, &upBound, genID, 1);
+    if (!VMAArrayExists(bucket.index, genID)) return false;
+    UInt entries = VMAArrayLength(bucket.index, genID), i = handle / 64, upBound;
+    if (i >= entries) return false;
+    UInt blocks = BlockCount(bucket, genID);
+    const UInt *entry = VMAArrayRange(bucket.index, i, &upBound, genID, 1);
     DB_CHECK(bucket, entry != nullptr && *entry < blocks, "index[handle >> 6] < blockCount");
-    UInt b = *entry, first = FirstHandle(bucket, b, genID), next;
-    DB_CHECK(bucket, first <= handle, "firstHandle[block] <= handle");
+    // The block lies between this entry's and the next one's: the last of
+    // them whose first handle is not above `handle`, found by halves where
+    // the first handles lie together, and by steps beyond.
+    UInt base = entry[0], lo = base;
+    UInt hi = i + 1 == entries ? blocks - 1 : i + 1 < upBound ? entry[1] : base;
+    const UInt *first = VMAArrayRange(bucket.firstHandle, base, &upBound, genID, 1);
+    DB_CHECK(bucket, first != nullptr && first[0] <= handle, "firstHandle[block] <= handle");
+    if (hi >= upBound) hi = upBound - 1;
+    while (lo < hi) {
+        UInt mid = lo + (hi - lo + 1) / 2;
+        if (first[mid - base] <= handle)
+            lo = mid;
+        else
+            hi = mid - 1;
+    }
+    UInt b = lo, start = FirstHandle(bucket, b, genID), next;
     while (b + 1 < blocks && (next = FirstHandle(bucket, b + 1, genID)) <= handle) {
         b++;
-        first = next;
+        start = next;
     }
     *block = b;
-    *place = handle - first;
+    *place = handle - start;
     return true;
 }
 

@@ -20,14 +20,6 @@ void Block::StoreHeader() {
     StoreLE(base + 2, dataSize, 2);
 }
 
-bool BlockOpen(UByte *base, UInt size, Block *out) {
-    *out = {base, size, 0, 0};
-    if (base == nullptr || size < kHeaderSize) return false;
-    out->indexSize = LoadLE16(base);
-    out->dataSize = LoadLE16(base + 2);
-    return out->Used() <= size;
-}
-
 UInt ElementCost(UInt place, UInt length) {
     return (UInt)VarIntSize(length) + length + (place != 0 && place % 8 == 0 ? 2 : 0);
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "collection/corrupt.h"
+#include "frame/endian.h"
 #include "qk/dbarray.h"
 
 namespace qk::dbarray {
@@ -29,7 +30,13 @@ struct Block {
 
 // Reads the header of a block of `size` bytes; false when the fields do not
 // fit in the block.
-QK_API bool BlockOpen(UByte *base, UInt size, Block *out);
+inline bool BlockOpen(UByte *base, UInt size, Block *out) {
+    *out = {base, size, 0, 0};
+    if (base == nullptr || size < kHeaderSize) return false;
+    out->indexSize = LoadLE16(base);
+    out->dataSize = LoadLE16(base + 2);
+    return out->Used() <= size;
+}
 // The in-block index entries that a block of `count` elements has.
 inline UInt IndexEntriesFor(UInt count) {
     return count == 0 ? 0 : (count - 1) / 8;

@@ -121,7 +121,7 @@ QK_API int PITreeEnumerationGetNext(PITreeEnumeration *e, const UInt **key, UInt
             e->popPending = false;
         }
         Frame &top = e->stack.back();
-        if (!PITreeStateAtEnd(&top.sons) && e->key.size() - 1 < e->maxLength) {
+        if ((UInt)top.sons.id < top.sons.end && e->key.size() - 1 < e->maxLength) {
             UInt atom;
             ULong nodeData;
             PITreeState son, sibling;
