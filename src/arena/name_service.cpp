@@ -84,7 +84,8 @@ UInt *Count(NameService *names, Int genID, int read) {
     return VMAArrayRange(names->params, 0, &upBound, genID, read);
 }
 
-// Enters every name of the table into the tree, and the count of arrays.
+// Enters every name of the table into the tree (a name there already keeps
+// its ID), and the count of arrays.
 bool Fill(VMArena *arena, NameService *names) {
     UInt total = VMAArrayReadLength(arena, 0, NEWGEN), arrayID = 1, start = 0;
     std::vector<char> table(total);
@@ -105,7 +106,10 @@ bool Fill(VMArena *arena, NameService *names) {
         start = i + 1;
     }
     VMA_CHECK(arena, arrayID == FArrayLength(arena->rw_gen.array));
-    return VMAArrayAppend(names->params, &arrayID, 1);
+    if (VMAArrayLength(names->params, NEWGEN) == 0)
+        return VMAArrayAppend(names->params, &arrayID, 1);
+    *Count(names, NEWGEN, 0) = arrayID;
+    return true;
 }
 
 }  // namespace
@@ -126,7 +130,10 @@ bool NameServiceOpen(VMArena *arena, bool tree) {
     bool ok = names->tree != nullptr &&
               VMAArrayInitFromPath_(arena, &createParams, 0, 0, 0, path, "#name", "params", 1,
                                     (VMAArrayHandle *)&names->params);
-    if (ok && VMAArrayLength(names->params, NEWGEN) == 0)
+    // A tree that has no count, or one behind the name table (arrays made
+    // while the directory only scanned), is filled from the table.
+    if (ok && (VMAArrayLength(names->params, NEWGEN) == 0 ||
+               *Count(names, NEWGEN, 1) != VMArenaArrayCount(arena, NEWGEN)))
         ok = !arena->readOnly && Fill(arena, names);
     if (!ok) QKErrorThrow(QK_ERR_TIMEOUT, QK_DOMAIN_GENERAL, "cannot create name service");
     return ok;

@@ -230,7 +230,7 @@ namespace {
 
 // The arena's array directory runs on a tree: 10,000 names found after a
 // read-only reopen, and an arena whose directory only scanned gains a tree
-// from its name table at its first writable open.
+// (or brings it up to date) from its name table at its next writable open.
 TEST_F(CollectionTest, ArrayNamesThroughTheTree) {
     auto make = [&](UInt from, UInt to) {
         for (UInt i = from; i < to; i++) {
@@ -269,6 +269,13 @@ TEST_F(CollectionTest, ArrayNamesThroughTheTree) {
     expectAll(50, NEWGEN);
     make(50, 60);
     expectAll(60, NEWGEN);
+    // Names made while the directory scanned again catch up at the next open.
+    Commit();
+    Open(VM_FLAG_MAPPED | qk::arena::kFlagNameScan);
+    make(60, 70);
+    Commit();
+    Open(VM_FLAG_MAPPED);
+    expectAll(70, NEWGEN);
     std::swap(dir, other);
 }
 
