@@ -17,33 +17,37 @@ namespace {
 // 1's): the ID, or -2 with the number of names in *count, or -1 with the
 // error state set when the table cannot be read.
 Int ScanFind(VMArena *arena, Int genID, const char *key, UInt length, UInt *count) {
-    Int result = kNoArray;
     UInt total = VMArenaArrayCount(arena, genID) > 0 ? VMAArrayReadLength(arena, 0, genID) : 0;
     Int arrayID = 1;
     UInt matched = 0;  // bytes of the current name that equal the key's
     bool differs = false;
-    for (UInt i = 0; i < total && result == kNoArray;) {
+    for (UInt i = 0; i < total;) {
         UInt end;
-        const UByte *bytes = VMAArrayReadRange(arena, 0, ARENA_MAX_BLOCK_SIZE, i, 1, &end, genID);
-        if (bytes == nullptr) return -1;
-        for (; i < end; i++, bytes++) {
-            if (*bytes == 0) {
-                if (!differs && matched == length) {
-                    result = arrayID;
-                    break;
-                }
-                arrayID++;
-                matched = 0;
-                differs = false;
-            } else if (!differs && matched < length && (UByte)key[matched] == *bytes) {
-                matched++;
-            } else {
+        const UByte *p = VMAArrayReadRange(arena, 0, ARENA_MAX_BLOCK_SIZE, i, 1, &end, genID);
+        if (p == nullptr) return -1;
+        const UByte *stop = p + (end - i);
+        // Piece by piece up to each NUL: a name may go on in the next block.
+        while (p < stop) {
+            auto *nul = (const UByte *)memchr(p, 0, (size_t)(stop - p));
+            size_t n = (size_t)((nul ? nul : stop) - p);
+            if (!differs && matched + n <= length && memcmp(key + matched, p, n) == 0)
+                matched += (UInt)n;
+            else
                 differs = true;
+            if (nul == nullptr) break;
+            if (!differs && matched == length) {
+                *count = (UInt)arrayID - 1;
+                return arrayID;
             }
+            arrayID++;
+            matched = 0;
+            differs = false;
+            p = nul + 1;
         }
+        i = end;
     }
     *count = (UInt)arrayID - 1;
-    return result;
+    return kNoArray;
 }
 
 // Whether every array but the name table has a name and no ID is free, as

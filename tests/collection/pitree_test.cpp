@@ -217,6 +217,22 @@ TEST_F(PITreeTest, HeadAndLeafBoundaries) {
     EXPECT_EQ(PITreeFind(tree, td, x.data(), 1, 9, NEWGEN, 1, 0, 0), 9u);
     EXPECT_EQ(PITreeFind(tree, td, x.data(), 1, 0, NEWGEN, 0, 1, 0), 9u);
     EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 1500u);
+    // The callback form stops at the first answer that is not 0; a walker
+    // gives back the leaves it read.
+    int calls = 0;
+    auto third = [](const UInt *, UInt, UInt, UInt, void *n) { return ++*(int *)n == 3 ? 42 : 0; };
+    EXPECT_EQ(PITreeEnumerate(tree, td, x.data(), 1, -1, third, &calls, NEWGEN, 1, 0), 42);
+    PtrArray acquired = {};
+    PITreeState root = PITreeStateOfNode(tree, 0, NEWGEN, &acquired), son, sibling;
+    UInt atom;
+    ULong data;
+    PITreeStateNext(tree, &root, &atom, &data, &son, &sibling, NEWGEN, &acquired);
+    EXPECT_TRUE(atom == 'x' && PITreeStateAtEnd(&sibling) && !PITreeStateAtEnd(&son));
+    PITreeStateRelease(tree, NEWGEN, &acquired);
+    EXPECT_EQ(acquired.length, 0u);
+    ArrayFree(acquired);
+    PITreePrefetch(tree, td, keys[0].data(), 3, NEWGEN);
+    PITreeThreadDataReInit(td);
     for (const Key &k : keys) PITreeFind(tree, td, k.data(), 3, 0, NEWGEN, 0, 1, 0);
     EXPECT_TRUE(PITreeEmpty(tree, NEWGEN));
     EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 0u);
