@@ -12,6 +12,7 @@
 #include "qk/frame.h"
 #include "qk/hash.h"
 #include "qk/log.h"
+#include "qk/loggedvm.h"
 #include "qk/memory.h"
 #include "qk/normal.h"
 #include "qk/pictree.h"
