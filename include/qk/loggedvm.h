@@ -39,7 +39,9 @@
  * Locks, in this order: the checkpoint's own mutex, the commit lock (writers
  * shared, a commit checkpoint exclusive), the store's mutex
  * (LoggedVMAcquire). Readers take only the arena's old-generation lock, and
- * never wait for a checkpoint's disk work.
+ * never wait for a checkpoint's disk work. A reader must not take the
+ * store's mutex while it holds its epoch: a committing checkpoint holds that
+ * mutex while the arena switches its image, which waits for the readers.
  */
 #ifndef QK_LOGGEDVM_H
 #define QK_LOGGEDVM_H
