@@ -59,28 +59,28 @@ class LoggedVMCrashTest : public ::testing::TestWithParam<bool> {
         Work(nullptr, 3);
     }
 
-    // The child's work after the golden store's, or (store null, `upTo`
-    // set) the model of it: outcome[k] after checkpoint k, and unmarked[k]
-    // for a crash between checkpoint k's record and its mark.
+    // Part 0 (the golden store's) and part 1 (the child's) of the work on
+    // `store`; the model runs both. Without a store, the model's outcome[k]
+    // after checkpoint k, and unmarked[k] for a crash between checkpoint k's
+    // record and its mark.
     bool Work(Store *store, int part) {
         State model;
         std::vector<ULong> values(kKeys);
         ULong count = 0;
-        Ops ops{&model, &values, store, &count};
-        bool inChild = store && part > 0;
+        Ops ops{&model, &values, part == 0 ? store : nullptr, &count};
         auto checkpoint = [&](int k, bool commit, std::function<void()> inside) {
             ULong bound = count;
-            if (!store) unmarked_[k] = {model, values}, unmarked_[k].state.Recycle();
-            if (store) store->duringCheckpoint = inside;
-            bool ok = !store || store->Checkpoint(commit);
-            if (!store) outcome_[k] = {model, values};
-            if (!store) inside();
+            if (!store) outcome_[k] = unmarked_[k] = {model, values};
+            unmarked_[k].state.Recycle();
+            if (ops.store) ops.store->duringCheckpoint = inside;
+            bool ok = ops.store ? ops.store->Checkpoint(commit) : (inside(), true);
             for (State *s : {&model, &outcome_[k].state}) s->SetNew(bound), s->Recycle();
-            if (inChild) *gDone = k;
+            if (ops.store && part == 1) *gDone = k;
             return ok;
         };
         if (!ops.Run(0, 8) || !checkpoint(0, true, [] {})) return false;
         if (store && part == 0) return true;
+        ops.store = store;
         return ops.Run(8, 14) && checkpoint(1, false, [&] { ops.Run(14, 15); }) &&
                ops.Run(15, 22) && checkpoint(2, GetParam(), [] {}) && ops.Run(22, 26);
     }
@@ -107,9 +107,25 @@ class LoggedVMCrashTest : public ::testing::TestWithParam<bool> {
         std::string result = "no accepted state";
         for (const Outcome *o : accepted)
             if (store.state == o->state) result = store.Values(o->values);
+        if (result == "no accepted state") {
+            for (UInt m : store.state.map) result += " " + std::to_string(m);
+            result += " /";
+            for (const Outcome *o : accepted)
+                for (UInt m : o->state.map) result += " " + std::to_string(m);
+            result += " free " + std::to_string(store.state.free.size()) + " freed " +
+                      std::to_string(store.state.freed.size()) + " waiting " +
+                      std::to_string(store.state.waiting.size());
+            for (const Outcome *o : accepted)
+                result += " free " + std::to_string(o->state.free.size()) + " freed " +
+                          std::to_string(o->state.freed.size()) + " waiting " +
+                          std::to_string(o->state.waiting.size());
+        }
         if (result.empty()) result = store.state.Accounting();
         State after = store.state;
-        bool more = after.Put(7, 0) && store.Put(7, 999) && store.Checkpoint(true) && store.Close();
+        after.Put(7, 0);
+        after.SetNew(~(ULong)0);
+        after.Recycle();
+        bool more = store.Put(7, 999) && store.Checkpoint(true) && store.Close();
         if (result.empty() && (!more || !store.Open(dir, false) || !(store.state == after) ||
                                store.Cell(after.map[7] - 1) != 999))
             result = std::string("no more work: ") + QKErrorMessage();
