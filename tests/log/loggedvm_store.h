@@ -110,6 +110,7 @@ class Store {
     // logs after the checkpoint's serial.
     std::function<void()> duringCheckpoint;
 
+    ~Store() { MutexDestroy(&view_); }
     // Opens (creates) the store in `dir` and recovers it.
     bool Open(const std::string &dir, bool create) {
         int created = 0;
@@ -197,9 +198,8 @@ class Store {
             if (state.free.empty() || pwrite(fd_, bytes, 8, state.free.back() * 8) != 8)
                 return false;
         }
-        return Change([&] {
-            return action == kPut ? state.Put(key, tag) : (state.Delete(key, tag), true);
-        });
+        return Change(
+            [&] { return action == kPut ? state.Put(key, tag) : (state.Delete(key, tag), true); });
     }
     bool Write(UInt action, UInt key, ULong value) {
         ULong epoch = LoggedVMWriterAcquire(lvm), serial = 0;
