@@ -4,6 +4,7 @@
 
 #include "qk/arena.h"
 #include "qk/array.h"
+#include "qk/btree.h"
 #include "qk/channel.h"
 #include "qk/dbarray.h"
 #include "qk/digest.h"

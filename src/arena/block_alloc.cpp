@@ -22,8 +22,11 @@ void CheckWriter(VMArena *arena, Int genID) {
 
 extern "C" {
 
-const UInt VMArenaBlockSizes[16] = {64,  88,  112,  128,  160,  256,  312,  512,
-                                    584, 744, 1024, 1632, 2048, 2728, 4096, 8192};
+// The allocator's own table, for the element macros of the public header.
+const UInt VMArenaBlockSizes[16] = {
+    kSizes[0], kSizes[1], kSizes[2],  kSizes[3],  kSizes[4],  kSizes[5],  kSizes[6],  kSizes[7],
+    kSizes[8], kSizes[9], kSizes[10], kSizes[11], kSizes[12], kSizes[13], kSizes[14], kSizes[15]};
+static_assert(sizeof VMArenaBlockSizes / sizeof *VMArenaBlockSizes == kSizeClasses);
 
 QK_API ULong VMArenaBlockNew(VMArena *arena, UInt size, UInt *actualSize, Int genID) {
     CheckWriter(arena, genID);
