@@ -63,8 +63,7 @@ class LoggedVMCrashTest : public ::testing::TestWithParam<bool> {
         std::string problem = store.Lost();
         if (std::none_of(accepted.begin(), accepted.end(),
                          [&](State *s) { return s->Kinds() == store.state.Kinds(); }))
-            problem = "after checkpoint " + std::to_string(k) + ": " +
-                      testing::PrintToString(store.state.Kinds());
+            problem = "not accepted: " + testing::PrintToString(store.state.Kinds());
         if (problem.empty() &&
             !(store.Write(true, 7, 99) && store.Checkpoint(true) && store.Close() &&
               store.Open(dir, false) && store.state.Find(8) < kCells && store.Lost().empty()))
@@ -98,7 +97,7 @@ class LoggedVMCrashTest : public ::testing::TestWithParam<bool> {
                 ASSERT_EQ(Cut(from, to, work, n, after), CRASH_FAULT_EXIT) << CallName(n, after);
                 std::string problem = Verify(to.Path());
                 failures += !problem.empty();
-                EXPECT_EQ(problem, "") << CallName(n, after);
+                EXPECT_EQ(problem, "") << CallName(n, after) << " after checkpoint " << *gDone;
             }
     }
 

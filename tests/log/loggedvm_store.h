@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "frame/endian.h"
@@ -63,8 +64,8 @@ class Store {
     bool Open(const std::string &dir, bool create) {
         int created = 0, make = 1;
         char path[VMARENA_PATH_SIZE] = "";
-        lvm = LoggedVMOpen(dir.c_str(), 2, create, 0, &created, Call<&Store::Sync>,
-                           Call<&Store::SetNew>, Call<&Store::Recycle>, Replay, this);
+        lvm = LoggedVMOpen(dir.c_str(), 2, create, 0, &created, Sync, Mark<false>, Mark<true>,
+                           Replay, this);
         VMArena *arena = lvm ? LoggedVMArenaGet(lvm) : nullptr;
         fd_ = open((dir + "/cells").c_str(), O_RDWR | O_CREAT, 0644);
         if (!arena || fd_ < 0 ||
@@ -79,11 +80,7 @@ class Store {
         state.words.assign(stored, stored + state.words.size());
         return LoggedVMRecover(lvm);
     }
-    bool Close() {
-        bool ok = LoggedVMClose(lvm) && close(fd_) == 0;
-        lvm = nullptr;
-        return ok;
-    }
+    bool Close() { return LoggedVMClose(std::exchange(lvm, nullptr)) && close(fd_) == 0; }
     // Logs an op and applies it; a put first writes its value into the cell
     // that it takes, so that a reader never finds the mapping before the data.
     bool Write(bool put, UInt key, ULong value) {
@@ -136,20 +133,18 @@ class Store {
         MutexUnlock(&view_);
         return VMAArraySetRange(array_, 0, state.words.data(), state.words.size());
     }
-    template <bool (Store::*F)()>
-    static int Call(void *store) {
-        return (static_cast<Store *>(store)->*F)();
+    static int Sync(void *arg) {
+        Store *s = static_cast<Store *>(arg);
+        if (fsync(s->fd_) != 0) return 0;
+        if (s->duringCheckpoint) s->duringCheckpoint();
+        return 1;
     }
-    bool Sync() {
-        if (fsync(fd_) != 0) return false;
-        if (duringCheckpoint) duringCheckpoint();
-        return true;
-    }
-    bool SetNew() {
-        return Change([&] { state.SetNew(LoggedVMRecycleSerial(lvm)); });
-    }
-    bool Recycle() {
-        return Change([&] { state.Recycle(); });
+    // Marks what was freed up to the checkpoint, or frees what was marked.
+    template <bool recycle>
+    static int Mark(void *arg) {
+        Store *s = static_cast<Store *>(arg);
+        return s->Change(
+            [&] { recycle ? s->state.Recycle() : s->state.SetNew(LoggedVMRecycleSerial(s->lvm)); });
     }
     static int Replay(LogReadContext *context, ULong from, ULong to, void *arg) {
         Store *s = static_cast<Store *>(arg);
