@@ -194,8 +194,8 @@ QK_API VMArena *VMArenaOpen(const char *dir, UInt flags, UInt bucketCount, ULong
     // A new arena's first image holds its name service, so that a reader
     // can open it before the first commit of its writer. (In serial mode the
     // caller commits, under serials of its own.)
-    if (created && !(flags & kFlagNameScan) && oldSerial == STATUS_NO_SERIAL && newSerial == STATUS_NO_SERIAL &&
-        !VMArenaCommit(arena, nullptr, nullptr)) {
+    if (created && !(flags & kFlagNameScan) && oldSerial == STATUS_NO_SERIAL &&
+        newSerial == STATUS_NO_SERIAL && !VMArenaCommit(arena, nullptr, nullptr)) {
         QKErrorRethrow("could not create initial vmarena in \"%s\"", dir);
         DeleteKeepingError(arena);
         return nullptr;

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "collection/dbarray_internal.h"
+#include "collection/path.h"
 #include "qk/frame.h"
 
 using namespace qk::dbarray;
@@ -155,14 +156,8 @@ extern "C" {
 QK_API DBArray *DBArrayNew_(VMArena *arena, char *path, const char *name, int linear, int *create,
                             int newGenOnly, UInt bucketCount) {
     qkassert(bucketCount <= DBARRAY_MAX_BUCKETS);
-    size_t keep = strlen(path), n = strlen(name);
-    if (keep + n + 1 >= VMARENA_PATH_SIZE) {
-        QKErrorThrow(QK_ERR_INVALID, QK_DOMAIN_GENERAL, "array name too long: \"%s%s\"", path,
-                     name);
-        return nullptr;
-    }
-    memcpy(path + keep, name, n);
-    strcpy(path + keep + n, "/");
+    size_t keep;
+    if (!qk::collection::PathEnter(path, name, "/", "array", &keep)) return nullptr;
     UInt existing = ExistingBuckets(arena, path, linear);
     int made = 0;
     auto *array = new DBArray{arena, {}, 1, 0};

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "collection/dbarray_internal.h"
+#include "collection/path.h"
 #include "container/varint.h"
 #include "qk/frame.h"
 
@@ -98,14 +99,8 @@ extern "C" {
 
 QK_API LDBArray *LDBArrayNew_(VMArena *arena, char *path, const char *name, int linear, int *create,
                               int newGenOnly, UInt bucketCount) {
-    size_t keep = strlen(path), n = strlen(name);
-    if (keep + n + 10 >= VMARENA_PATH_SIZE) {
-        QKErrorThrow(QK_ERR_INVALID, QK_DOMAIN_GENERAL, "array name too long: \"%s%s\"", path,
-                     name);
-        return nullptr;
-    }
-    memcpy(path + keep, name, n);
-    strcpy(path + keep + n, "/ldbarray/");
+    size_t keep;
+    if (!qk::collection::PathEnter(path, name, "/ldbarray/", "array", &keep)) return nullptr;
     int madeHead = *create, madeChunks = *create;
     auto *array = new LDBArray{
         DBArrayNew_(arena, path, "head", linear, &madeHead, newGenOnly, bucketCount), nullptr};

@@ -2,6 +2,7 @@
 // nodes and transitions.
 #include <string.h>
 
+#include "collection/path.h"
 #include "collection/pimtree_internal.h"
 #include "frame/endian.h"
 #include "qk/memory.h"
@@ -75,13 +76,8 @@ extern "C" {
 
 QK_API PIMTree *PIMTreeNew_(VMArena *arena, char *path, const char *name, int linear, int *create,
                             int newGenOnly) {
-    size_t keep = strlen(path), n = strlen(name);
-    if (keep + n + 1 >= VMARENA_PATH_SIZE) {
-        QKErrorThrow(QK_ERR_INVALID, QK_DOMAIN_GENERAL, "tree name too long: \"%s%s\"", path, name);
-        return nullptr;
-    }
-    memcpy(path + keep, name, n);
-    strcpy(path + keep + n, "/");
+    size_t keep;
+    if (!qk::collection::PathEnter(path, name, "/", "tree", &keep)) return nullptr;
     auto *tree = AllocateZero(PIMTree);
     tree->arena = arena;
     int madeTrans = *create, madeIndex = *create;

@@ -2,6 +2,7 @@
 // filled and freed.
 #include <string.h>
 
+#include "collection/path.h"
 #include "collection/pitree_internal.h"
 #include "qk/frame.h"
 #include "qk/memory.h"
@@ -66,20 +67,15 @@ extern "C" {
 
 QK_API PITree *PITreeNew_(VMArena *arena, char *path, const char *name, int linear, int *create,
                           int newGenOnly) {
-    size_t keep = strlen(path), n = strlen(name);
-    if (keep + n + sizeof "/pitree/" >= VMARENA_PATH_SIZE) {
-        QKErrorThrow(QK_ERR_INVALID, QK_DOMAIN_GENERAL, "tree name too long: \"%s%s\"", path, name);
-        return nullptr;
-    }
-    memcpy(path + keep, name, n);
-    strcpy(path + keep + n, "/");
+    size_t keep;
+    if (!qk::collection::PathEnter(path, name, "/pitree/", "tree", &keep)) return nullptr;
+    size_t named = strlen(path) - strlen("pitree/");  // "<name>/"
     auto *tree = new PITree{arena, nullptr, nullptr, {}, !linear, {}, 0};
-    int made[5] = {*create, *create, *create, *create, 0};
-    strcat(path, "pitree/");
+    int made[4] = {*create, *create, *create, *create};
     tree->head = PIMTreeNew_(arena, path, "head", linear, &made[0], newGenOnly);
     tree->leaf =
         tree->head ? DBArrayNew_(arena, path, "leaf", linear, &made[1], newGenOnly, 64) : nullptr;
-    path[keep + n + 1] = 0;
+    path[named] = 0;
     bool ok = tree->leaf != nullptr &&
               VMAArrayInitFromPath_(arena, &made[2], newGenOnly, 0, 0, path, "pitree", "free",
                                     linear, (VMAArrayHandle *)&tree->free) &&

@@ -1,8 +1,10 @@
-// A PICTree as a map from every node's key to its data, shared by the unit
-// tests and the fuzz target: a buffer read whole through the explosion of
-// each level, and what a find's create, force and remove do to the map.
+// A trie as a map from every node's key to its data, shared by the tests of
+// the three trees and the buffer fuzz target: a buffer read whole through
+// the explosion of each level, and what a find's create, force and remove
+// do to the map.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <vector>
 
@@ -38,6 +40,12 @@ inline Model Below(const Model &model, const Key &key) {
     return below;
 }
 
+inline bool HasSons(const Model &model, const Key &key) {
+    auto it = model.upper_bound(key);
+    return it != model.end() && it->first.size() > key.size() &&
+           std::equal(key.begin(), key.end(), it->first.begin());
+}
+
 // Every prefix of the key exists; the key takes `data` if it had none, or
 // with force.
 inline void Insert(Model &model, const Key &key, ULong data, bool force) {
@@ -50,7 +58,7 @@ inline void Insert(Model &model, const Key &key, ULong data, bool force) {
 // upwards while a prefix has neither sons nor data.
 inline void Remove(Model &model, Key key) {
     if (model.count(key)) model[key] = EMPTY_NODE_DATA;
-    for (; model.count(key) && model[key] == EMPTY_NODE_DATA && Below(model, key).empty();
+    for (; model.count(key) && model[key] == EMPTY_NODE_DATA && !HasSons(model, key);
          key.pop_back())
         model.erase(key);
 }

@@ -6,14 +6,15 @@
 #include <map>
 #include <random>
 
+#include "collection/pictree_model.h"
 #include "collection/pimtree_internal.h"
 #include "frame/file_test_dir.h"
 #include "qk/qkcommon.h"
 
 namespace {
 
-using Key = std::vector<UInt>;
-using Model = std::map<Key, ULong>;  // every node of the head and its data
+using pictest::Key;
+using pictest::Model;  // every node of the head and its data
 
 class PIMTreeTest : public ::testing::Test {
   protected:
@@ -71,24 +72,6 @@ class PIMTreeTest : public ::testing::Test {
     PIMTreeThreadData *td = nullptr;
 };
 
-bool HasSons(const Model &m, const Key &key) {
-    auto it = m.upper_bound(key);
-    return it != m.end() && it->first.size() > key.size() &&
-           std::equal(key.begin(), key.end(), it->first.begin());
-}
-
-// The model's removal: the key goes unless it has sons (then its data is
-// cleared); then each prefix without data and without sons, upwards.
-void ModelRemove(Model &m, Key key) {
-    if (HasSons(m, key)) return void(m[key] = 0);
-    m.erase(key);
-    while (key.size() > 1) {
-        key.pop_back();
-        if (m[key] != 0 || HasSons(m, key)) return;
-        m.erase(key);
-    }
-}
-
 TEST_F(PIMTreeTest, RandomAgainstMapOfAtomStrings) {
     EXPECT_TRUE(PIMTreeEmpty(tree, NEWGEN) && PIMTreeNodeCount(tree, NEWGEN) == 1);
     std::mt19937 rng(55);
@@ -101,10 +84,7 @@ TEST_F(PIMTreeTest, RandomAgainstMapOfAtomStrings) {
         int op = rng() % 10, changed = -1;
         if (op < 6) {
             Insert(key, data, op == 0);
-            for (size_t n = 1; n < key.size(); n++)
-                model.emplace(Key(key.begin(), key.begin() + n), 0);
-            ULong &m = model[key];
-            if (op == 0 || m == 0) m = data;
+            pictest::Insert(model, key, data, op == 0);
         } else {
             // Removing or finding a key: often one that the model holds.
             if (!model.empty() && rng() % 2)
@@ -116,7 +96,7 @@ TEST_F(PIMTreeTest, RandomAgainstMapOfAtomStrings) {
             // A removal tells whether it cleared data; a find gives the data.
             EXPECT_TRUE(op < 9 ? changed == (held && it->second != 0)
                                : !held || r.data == it->second);
-            if (op < 9 && held) ModelRemove(model, key);
+            if (op < 9) pictest::Remove(model, key);
         }
         if (step % 400 == 399) {
             ASSERT_EQ(Contents(NEWGEN), model) << step;

@@ -10,11 +10,13 @@
 
 #include "arena/arena_internal.h"
 #include "collection/collection_test.h"
+#include "collection/pictree_model.h"
 #include "collection/pitree_internal.h"
 
 namespace {
 
-using Key = std::vector<UInt>;
+using pictest::Key;
+using pictest::Model;  // every node and its data
 
 // The random test has no threads; under ThreadSanitizer it takes fewer steps.
 #if defined(__SANITIZE_THREAD__)
@@ -22,27 +24,9 @@ constexpr int kSteps = 30000;
 #else
 constexpr int kSteps = 100000;
 #endif
-using Model = std::map<Key, ULong>;  // every node and its data
 
 bool IsPrefix(const Key &p, const Key &k) {
     return p.size() <= k.size() && std::equal(p.begin(), p.end(), k.begin());
-}
-
-bool HasSons(const Model &m, const Key &key) {
-    auto it = m.upper_bound(key);
-    return it != m.end() && it->first.size() > key.size() && IsPrefix(key, it->first);
-}
-
-// A removal: the key's data goes, then the key and each ancestor that is
-// left without data and without sons.
-void ModelRemove(Model &m, Key key) {
-    if (HasSons(m, key)) return void(m[key] = 0);
-    m.erase(key);
-    while (key.size() > 1) {
-        key.pop_back();
-        if (m[key] != 0 || HasSons(m, key)) return;
-        m.erase(key);
-    }
 }
 
 // The nodes an enumeration gives, in its order: sons before their parent.
@@ -138,16 +122,12 @@ TEST_F(PITreeTest, RandomAgainstModel) {
             bool force = op == 0;
             ULong got =
                 PITreeFind(tree, td, key.data(), (UInt)key.size(), data, NEWGEN, 1, 0, force);
-            for (size_t n = 1; n < key.size(); n++)
-                model.emplace(Key(key.begin(), key.begin() + n), 0);
-            ULong &m = model[key];
-            if (force || m == 0) m = data;
-            ASSERT_EQ(got, m) << step;
+            pictest::Insert(model, key, data, force);
+            ASSERT_EQ(got, model[key]) << step;
         } else if (op < 9) {
-            auto it = model.find(key);
-            ULong had = it == model.end() ? 0 : it->second;
-            ASSERT_EQ(PITreeFind(tree, td, key.data(), (UInt)key.size(), 0, NEWGEN, 0, 1, 0), had);
-            if (it != model.end()) ModelRemove(model, key);
+            ASSERT_EQ(PITreeFind(tree, td, key.data(), (UInt)key.size(), 0, NEWGEN, 0, 1, 0),
+                      pictest::DataOf(model, key));
+            pictest::Remove(model, key);
         } else {
             // Enumerations below a node, with every option.
             Int depth = (Int)(rng() % 4) - 1;

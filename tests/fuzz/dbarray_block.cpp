@@ -21,21 +21,14 @@ struct Fixture {
 // An arena made once, holding an array of one bucket with one block.
 Fixture &TheArray() {
     static Fixture *f = [] {
-        const std::string &dir = qkfuzz::FreshDir();
-        auto *f = new Fixture;
-        f->arena = VMArenaOpen(dir.c_str(), VM_FLAG_CREATE | VM_FLAG_MAPPED, 1, STATUS_NO_SERIAL,
-                               STATUS_NO_SERIAL, nullptr, nullptr);
-        FUZZ_CHECK(f->arena != nullptr);
+        auto *f = new Fixture{qkfuzz::KeptArena(), nullptr};
         char path[VMARENA_PATH_SIZE] = "";
         int create = 1;
         f->array = DBArrayNew(f->arena, path, "fuzz", &create, 1, 1);
         FUZZ_CHECK(f->array != nullptr);
         DBArrayAdd(f->array, 0, "seed", 4, NEWGEN);
         FUZZ_CHECK(freopen("/dev/null", "w", stdout) != nullptr);  // the check's report
-        atexit([] {
-            DBArrayFree(TheArray().array);
-            VMArenaClose(TheArray().arena);
-        });
+        atexit([] { DBArrayFree(TheArray().array); });
         return f;
     }();
     return *f;

@@ -58,6 +58,19 @@ inline const std::string &FreshDir() {
     return ScratchDir();
 }
 
+// An arena made once in the scratch directory, for a target that keeps it
+// for its whole run; closed at exit, after what the target made in it.
+inline VMArena *KeptArena() {
+    static VMArena *arena = [] {
+        VMArena *a = VMArenaOpen(FreshDir().c_str(), VM_FLAG_CREATE | VM_FLAG_MAPPED, 1,
+                                 STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, nullptr);
+        FUZZ_CHECK(a != nullptr);
+        atexit([] { VMArenaClose(KeptArena()); });
+        return a;
+    }();
+    return arena;
+}
+
 inline void WriteFile(const std::string &path, const void *data, size_t size) {
     FILE *file = fopen(path.c_str(), "wb");
     FUZZ_CHECK(file != nullptr);

@@ -23,11 +23,7 @@ struct Fixture {
 
 Fixture &TheTree() {
     static Fixture *f = [] {
-        const std::string &dir = qkfuzz::FreshDir();
-        auto *f = new Fixture;
-        f->arena = VMArenaOpen(dir.c_str(), VM_FLAG_CREATE | VM_FLAG_MAPPED, 1, STATUS_NO_SERIAL,
-                               STATUS_NO_SERIAL, nullptr, nullptr);
-        FUZZ_CHECK(f->arena != nullptr);
+        auto *f = new Fixture{qkfuzz::KeptArena(), nullptr, nullptr};
         char path[VMARENA_PATH_SIZE] = "";
         int create = 1;
         f->tree = PITreeNew(f->arena, path, "fuzz", &create, 1);
@@ -36,7 +32,6 @@ Fixture &TheTree() {
         atexit([] {
             PITreeThreadDataFree(TheTree().td);
             PITreeFree(TheTree().tree);
-            VMArenaClose(TheTree().arena);
         });
         return f;
     }();
