@@ -6,7 +6,6 @@
 // directory is opened read-only, then with recovery: an open fails with the
 // error state set and leaves no descriptor open, and an arena that opens has
 // every array of both generations read through.
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -63,14 +62,6 @@ bool FewBuckets(const std::string &dir) {
     return true;
 }
 
-int OpenDescriptors() {
-    int count = 0;
-    DIR *fds = opendir("/proc/self/fd");
-    while (fds != nullptr && readdir(fds) != nullptr) count++;
-    if (fds != nullptr) closedir(fds);
-    return count;
-}
-
 // The bytes that ReadThrough reads add up here, so that the reads stay.
 volatile UInt readSum;
 
@@ -108,9 +99,9 @@ void Open(const std::string &dir, UInt flags) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string &dir = qkfuzz::FreshDir();
     WriteFiles(dir, data, size);
-    const int descriptors = OpenDescriptors();
+    const int descriptors = qkfuzz::OpenDescriptors();
     Open(dir, VM_FLAG_READ_ONLY);
     if (FewBuckets(dir)) Open(dir, VM_FLAG_RECOVER);
-    FUZZ_CHECK(OpenDescriptors() == descriptors);
+    FUZZ_CHECK(qkfuzz::OpenDescriptors() == descriptors);
     return 0;
 }

@@ -3,6 +3,7 @@
 // process, emptied for each input.
 #pragma once
 
+#include <dirent.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -69,6 +70,15 @@ inline VMArena *KeptArena() {
         return a;
     }();
     return arena;
+}
+
+// The process's open descriptors, to see that a target leaks none.
+inline int OpenDescriptors() {
+    int count = 0;
+    DIR *fds = opendir("/proc/self/fd");
+    while (fds != nullptr && readdir(fds) != nullptr) count++;
+    if (fds != nullptr) closedir(fds);
+    return count;
 }
 
 inline void WriteFile(const std::string &path, const void *data, size_t size) {

@@ -5,7 +5,6 @@
 // and read forwards and backwards each time: a call that fails leaves its
 // error, and nothing stays open. A writable log takes a record that reads
 // back at once and after a reopening.
-#include <dirent.h>
 #include <string.h>
 
 #include <algorithm>
@@ -16,14 +15,6 @@
 namespace {
 
 constexpr UInt kFirstNumbers[] = {1, 2, 9, 0xFFFFFFFEu};
-
-int OpenDescriptors() {
-    int count = 0;
-    DIR *fds = opendir("/proc/self/fd");
-    while (fds != nullptr && readdir(fds) != nullptr) count++;
-    if (fds != nullptr) closedir(fds);
-    return count;
-}
 
 void WriteFiles(const std::string &dir, const uint8_t *data, size_t size) {
     const bool two = data[0] & 1;
@@ -63,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
     const std::string &dir = qkfuzz::FreshDir();
     WriteFiles(dir, data, size);
-    const int descriptors = OpenDescriptors();
+    const int descriptors = qkfuzz::OpenDescriptors();
     const size_t limit = size / LOG_HEADER_SIZE + 4;
     for (int readOnly : {1, 0}) {
         QKErrorClear();
@@ -91,6 +82,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         LogReadContextDelete(context);
         LogClose(log);
     }
-    FUZZ_CHECK(OpenDescriptors() == descriptors);
+    FUZZ_CHECK(qkfuzz::OpenDescriptors() == descriptors);
     return 0;
 }
